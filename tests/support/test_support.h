@@ -1,0 +1,34 @@
+// Helpers shared by the tests: an isolated LINKWASH_HOME and the paths of shared fixtures.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace linkwash::testing {
+
+// Points LINKWASH_HOME at a fresh temporary folder for the object's lifetime, so a test never
+// touches real preferences or data; removes the folder afterwards.
+class TempHome {
+ public:
+  TempHome();
+  ~TempHome();
+  TempHome(const TempHome&) = delete;
+  TempHome& operator=(const TempHome&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+  std::optional<std::string> previous_;
+};
+
+std::filesystem::path sourceDir();
+// The shared folder beside the checkout (holds the public ClearURLs file and the link corpus).
+std::filesystem::path sharedDir();
+// The real ClearURLs rule file; nothing when it is absent (tests then skip).
+std::optional<std::filesystem::path> clearUrlsFixture();
+std::optional<std::string> readFixture(const std::filesystem::path& path);
+// Where the build put its executables (bin/).
+std::filesystem::path binDir();
+
+}  // namespace linkwash::testing
