@@ -1,0 +1,133 @@
+// Whole-file reads, atomic replacement and the inter-process lock.
+#include "platform/fs/files.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "tests/support/test_support.h"
+
+namespace linkwash::files {
+namespace {
+
+namespace fs = std::filesystem;
+
+int fileMode(const fs::path& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return -1;
+  return static_cast<int>(info.st_mode & 0777);
+}
+
+TEST(FilesTest, WriteCreatesFoldersAndReadsBackExactBytes) {
+  testing::TempHome home;
+  const fs::path path = home.path() / "a" / "b" / "state.bin";
+  EXPECT_FALSE(readFile(path));
+
+  std::string bytes("zero\0one\xff\n", 10);
+  ASSERT_TRUE(writeFileAtomically(path, bytes));
+  EXPECT_EQ(readFile(path), bytes);
+  EXPECT_EQ(fileMode(path), 0600);
+
+  ASSERT_TRUE(writeFileAtomically(path, ""));
+  EXPECT_EQ(readFile(path), "");
+  // Only the file itself is left: no temporary files beside it.
+  EXPECT_EQ(std::distance(fs::directory_iterator(path.parent_path()), fs::directory_iterator()), 1);
+}
+
+TEST(FilesTest, FailedWriteReportsAndLeavesNothingBehind) {
+  testing::TempHome home;
+  const fs::path blocker = home.path() / "file";
+  ASSERT_TRUE(writeFileAtomically(blocker, "x"));
+  auto result = writeFileAtomically(blocker / "child", "y");
+  ASSERT_FALSE(result);
+  EXPECT_NE(result.error().message.find("file"), std::string::npos);
+
+  // Replacing a folder fails at the rename; the temporary file must not remain.
+  fs::create_directories(home.path() / "dir" / "busy" / "inner");
+  EXPECT_FALSE(writeFileAtomically(home.path() / "dir" / "busy", "z"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(home.path() / "dir"), fs::directory_iterator()),
+            1);
+}
+
+TEST(FilesTest, ReaderSeesOldOrNewContentNeverAMixture) {
+  testing::TempHome home;
+  const fs::path path = home.path() / "big.txt";
+  // Large enough that a write in place would be observed half done.
+  const std::string first(1 << 20, 'a');
+  const std::string second(1 << 19, 'b');
+  ASSERT_TRUE(writeFileAtomically(path, first));
+
+  std::atomic<bool> done{false};
+  std::atomic<bool> writeFailed{false};
+  std::thread writer([&] {
+    for (int i = 0; i < 40 && !writeFailed; ++i) {
+      if (!writeFileAtomically(path, i % 2 == 0 ? second : first)) writeFailed = true;
+    }
+    done = true;
+  });
+  int reads = 0;
+  std::optional<std::size_t> mixedSize;
+  while ((!done || reads == 0) && !mixedSize) {
+    auto content = readFile(path);
+    if (!content || (*content != first && *content != second)) {
+      mixedSize = content ? content->size() : 0;
+    }
+    ++reads;
+  }
+  writer.join();
+  EXPECT_FALSE(writeFailed);
+  EXPECT_FALSE(mixedSize) << "a reader saw " << *mixedSize << " bytes";
+}
+
+// True when something arrives on `fd` within `timeoutMs`.
+bool readable(int fd, int timeoutMs) {
+  pollfd entry{fd, POLLIN, 0};
+  return ::poll(&entry, 1, timeoutMs) == 1;
+}
+
+TEST(FilesTest, LockExcludesAnotherProcessUntilReleased) {
+  testing::TempHome home;
+  const fs::path lockFile = home.path() / "locks" / "update.lock";
+  auto lock = ExclusiveLock::acquire(lockFile);
+  ASSERT_TRUE(lock) << lock.error().message;
+  EXPECT_EQ(fileMode(lockFile), 0600);
+  // Moving must hand the lock over, not release it.
+  ExclusiveLock held = std::move(*lock);
+
+  int pipeFds[2];
+  ASSERT_EQ(::pipe(pipeFds), 0);
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::close(pipeFds[0]);
+    auto childLock = ExclusiveLock::acquire(lockFile);  // blocks until the parent lets go
+    char byte = childLock ? 'y' : 'n';
+    _exit(::write(pipeFds[1], &byte, 1) == 1 ? 0 : 1);
+  }
+  ::close(pipeFds[1]);
+  EXPECT_FALSE(readable(pipeFds[0], 300)) << "the child got the lock while the parent held it";
+
+  { ExclusiveLock released = std::move(held); }
+  ASSERT_TRUE(readable(pipeFds[0], 5000));
+  char byte = 0;
+  EXPECT_EQ(::read(pipeFds[0], &byte, 1), 1);
+  EXPECT_EQ(byte, 'y');
+  ::close(pipeFds[0]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+}  // namespace
+}  // namespace linkwash::files
