@@ -4,6 +4,7 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <vector>
 
 namespace linkwash::testing {
 
@@ -55,6 +56,59 @@ std::optional<std::string> readFixture(const std::filesystem::path& path) {
 std::filesystem::path binDir() {
   if (const char* dir = std::getenv("LINKWASH_BIN_DIR")) return dir;
   return LINKWASH_DEFAULT_BIN_DIR;
+}
+
+}  // namespace linkwash::testing
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace linkwash::testing {
+
+int startProgram(const std::filesystem::path& program, const std::vector<std::string>& arguments,
+                 const std::filesystem::path& inputFile, const std::filesystem::path& scratch) {
+  std::vector<std::string> args = arguments;
+  args.insert(args.begin(), program.string());
+  std::vector<char*> argv;
+  for (auto& argument : args) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  const auto outFile = scratch / "stdout";
+  const auto errFile = scratch / "stderr";
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, inputFile.c_str(), O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                   0600);
+  posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                   0600);
+  pid_t pid = -1;
+  if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&actions);
+  return pid;
+}
+
+RunResult finishProgram(int pid, const std::filesystem::path& scratch) {
+  RunResult run;
+  if (pid > 0) {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  run.out = readFixture(scratch / "stdout").value_or("");
+  run.err = readFixture(scratch / "stderr").value_or("");
+  return run;
+}
+
+RunResult runProgram(const std::filesystem::path& program,
+                     const std::vector<std::string>& arguments,
+                     const std::filesystem::path& scratch, const std::string& input) {
+  const auto inputFile = scratch / "stdin";
+  std::ofstream(inputFile, std::ios::binary | std::ios::trunc) << input;
+  return finishProgram(startProgram(program, arguments, inputFile, scratch), scratch);
 }
 
 }  // namespace linkwash::testing

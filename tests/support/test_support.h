@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace linkwash::testing {
 
@@ -30,5 +31,27 @@ std::optional<std::filesystem::path> clearUrlsFixture();
 std::optional<std::string> readFixture(const std::filesystem::path& path);
 // Where the build put its executables (bin/).
 std::filesystem::path binDir();
+
+}  // namespace linkwash::testing
+
+namespace linkwash::testing {
+
+struct RunResult {
+  int exitCode = -1;  // 128 + signal when the program was killed
+  std::string out;
+  std::string err;
+};
+
+// Runs `program` with `arguments` and the current environment, feeding `input` on standard input.
+// Output is collected through files in `scratch`, which cannot fill up and block the child.
+RunResult runProgram(const std::filesystem::path& program,
+                     const std::vector<std::string>& arguments,
+                     const std::filesystem::path& scratch, const std::string& input = "");
+
+// Starts `program` with standard input read from `inputFile` and output into files in `scratch`;
+// returns its process ID (or -1). Collect it with finishProgram.
+int startProgram(const std::filesystem::path& program, const std::vector<std::string>& arguments,
+                 const std::filesystem::path& inputFile, const std::filesystem::path& scratch);
+RunResult finishProgram(int pid, const std::filesystem::path& scratch);
 
 }  // namespace linkwash::testing

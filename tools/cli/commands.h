@@ -1,0 +1,12 @@
+// The command groups of `linkwash`. Each adds its subcommand to the app; the subcommand's
+// callback stores the process exit code in `exitCode`.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace linkwash::cli {
+
+void addDefaultsCommand(CLI::App& app, int& exitCode);
+void addRulesCommand(CLI::App& app, int& exitCode);
+
+}  // namespace linkwash::cli
