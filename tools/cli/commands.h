@@ -8,5 +8,8 @@ namespace linkwash::cli {
 
 void addDefaultsCommand(CLI::App& app, int& exitCode);
 void addRulesCommand(CLI::App& app, int& exitCode);
+void addCleanCommand(CLI::App& app, int& exitCode);
+void addSitesCommand(CLI::App& app, int& exitCode);
+void addReportCommand(CLI::App& app, int& exitCode);
 
 }  // namespace linkwash::cli

@@ -13,6 +13,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag("--version", std::string("linkwash ") + LINKWASH_VERSION);
   int exitCode = 0;
+  linkwash::cli::addCleanCommand(app, exitCode);
+  linkwash::cli::addSitesCommand(app, exitCode);
+  linkwash::cli::addReportCommand(app, exitCode);
   linkwash::cli::addDefaultsCommand(app, exitCode);
   linkwash::cli::addRulesCommand(app, exitCode);
   try {
