@@ -242,13 +242,10 @@ std::optional<CleanResult> URLCleaner::cleaningPass(const std::string& input, in
       ruleID = "Analytics:google_search:" + item.name;
       category = RuleCategoryType::analytics;
     } else {
-      for (const CompiledProvider* provider : providers) {
-        if (auto id = engine_.shouldStripParam(item.name, *provider)) {
-          ruleID = std::string(*id);
-          category = startsWith(*id, "Referral Marketing:") ? RuleCategoryType::referralMarketing
-                                                            : provider->category;
-          break;
-        }
+      if (auto match = engine_.firstStrippingRule(item.name, providers)) {
+        ruleID = std::string(match->ruleID);
+        category =
+            match->referral ? RuleCategoryType::referralMarketing : match->provider->category;
       }
       if (!ruleID) {
         if (auto fallback = engine_.shouldStripParamFallback(item.name)) {

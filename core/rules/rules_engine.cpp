@@ -32,7 +32,10 @@ struct SubjectMemo {
   std::string key;
   std::string normal;
   std::vector<std::uint8_t> bits;
+  std::vector<std::uint32_t> ids;  // the positions of the non-zero bits, ascending
 };
+
+constexpr std::uint8_t kCertain = internal::PrefilterSet::kCertain;
 
 std::optional<Json> readJsonPreference(const PreferenceStore& store, std::string_view key) {
   auto data = store.dataForKey(key);
@@ -430,6 +433,7 @@ void RulesEngine::resetToDefaults() {
 void RulesEngine::rebuildIndex() {
   generation_ = nextGeneration();
   slots_.clear();
+  paramOwner_.clear();
   urlSet_.reset();
   paramSet_.reset();
   indexStats_ = {};
@@ -447,6 +451,7 @@ void RulesEngine::rebuildIndex() {
     for (const auto& rule : compiled.referralParamRegexes) {
       paramPatterns.push_back(rule.regex.pattern());
     }
+    paramOwner_.resize(paramPatterns.size(), static_cast<std::uint32_t>(slots_.size()));
     slots_.push_back(slot);
   }
   // URL patterns and exceptions see the same subject (the normal form), so one scan serves both.
@@ -509,7 +514,7 @@ std::string RulesEngine::normalForm(std::string_view url) const {
 }
 
 const std::vector<std::uint8_t>* RulesEngine::urlCandidates(std::string_view url,
-                                                            std::string& normal) const {
+                                                            const std::string** normal) const {
   thread_local SubjectMemo memo;
   if (memo.generation != generation_ || memo.key != url) {
     memo.generation = generation_;
@@ -517,26 +522,21 @@ const std::vector<std::uint8_t>* RulesEngine::urlCandidates(std::string_view url
     memo.normal = normalForm(url);
     if (urlSet_) urlSet_->candidates(memo.normal, memo.bits);
   }
-  normal = memo.normal;
+  *normal = &memo.normal;
   return urlSet_ ? &memo.bits : nullptr;
 }
 
-const std::vector<std::uint8_t>* RulesEngine::paramCandidates(std::string_view name) const {
+const std::vector<std::uint8_t>* RulesEngine::paramCandidates(
+    std::string_view name, const std::vector<std::uint32_t>** ids) const {
   if (!paramSet_) return nullptr;
   thread_local SubjectMemo memo;
   if (memo.generation != generation_ || memo.key != name) {
     memo.generation = generation_;
     memo.key.assign(name);
-    paramSet_->candidates(name, memo.bits);
+    paramSet_->candidates(name, memo.bits, &memo.ids);
   }
+  if (ids != nullptr) *ids = &memo.ids;
   return &memo.bits;
-}
-
-std::optional<std::size_t> RulesEngine::providerIndex(const CompiledProvider& provider) const {
-  if (compiledProviders_.empty() || slots_.size() != compiledProviders_.size()) return std::nullopt;
-  const CompiledProvider* first = compiledProviders_.data();
-  if (&provider < first || &provider >= first + compiledProviders_.size()) return std::nullopt;
-  return static_cast<std::size_t>(&provider - first);
 }
 
 // ---- Matching ----------------------------------------------------------------------------------
@@ -550,34 +550,44 @@ std::vector<const CompiledProvider*> RulesEngine::matchingProviders(std::string_
 void RulesEngine::matchingProviders(std::string_view url,
                                     std::vector<const CompiledProvider*>& out) const {
   out.clear();
-  thread_local std::string normal;
+  thread_local std::string plainNormal;
+  const std::string* normalPointer = &plainNormal;
   const std::vector<std::uint8_t>* bits = nullptr;
   if (urlSet_) {
-    bits = urlCandidates(url, normal);
+    bits = urlCandidates(url, &normalPointer);
   } else {
-    normal = normalForm(url);
+    plainNormal = normalForm(url);
   }
+  const std::string& normal = *normalPointer;
   for (std::size_t i = 0; i < compiledProviders_.size(); ++i) {
     if (bits != nullptr && !(*bits)[i]) continue;
     const CompiledProvider& provider = compiledProviders_[i];
     const RuleCategory* cat = category(provider.category);
     if (cat != nullptr && !cat->isEnabled) continue;
-    if (provider.urlRegex.search(normal)) out.push_back(&provider);
+    if ((bits != nullptr && (*bits)[i] == kCertain) || provider.urlRegex.search(normal)) {
+      out.push_back(&provider);
+    }
   }
 }
 
 bool RulesEngine::isException(std::string_view url, const CompiledProvider& provider) const {
   if (provider.exceptionRegexes.empty()) return false;
-  thread_local std::string normal;
+  thread_local std::string plainNormal;
+  const std::string* normalPointer = &plainNormal;
   const auto slot = providerIndex(provider);
   const std::vector<std::uint8_t>* bits = nullptr;
   if (urlSet_ && slot) {
-    bits = urlCandidates(url, normal);
+    bits = urlCandidates(url, &normalPointer);
   } else {
-    normal = normalForm(url);
+    plainNormal = normalForm(url);
   }
+  const std::string& normal = *normalPointer;
   for (std::size_t k = 0; k < provider.exceptionRegexes.size(); ++k) {
-    if (bits != nullptr && !(*bits)[slots_[*slot].exceptionBegin + k]) continue;
+    if (bits != nullptr) {
+      const std::uint8_t bit = (*bits)[slots_[*slot].exceptionBegin + k];
+      if (bit == 0) continue;
+      if (bit == kCertain) return true;
+    }
     if (provider.exceptionRegexes[k].search(normal)) return true;
   }
   return false;
@@ -613,8 +623,7 @@ std::optional<std::string_view> RulesEngine::shouldStripParam(
     if (bits != nullptr && !(*bits)[slots_[*slot].paramBegin + k]) continue;
     const PatternRegex& rule = provider.paramRegexes[k];
     if (!isRuleEnabled(rule.ruleID, provider.category)) continue;
-    if ((bits != nullptr &&
-         (*bits)[slots_[*slot].paramBegin + k] == internal::PrefilterSet::kCertain) ||
+    if ((bits != nullptr && (*bits)[slots_[*slot].paramBegin + k] == kCertain) ||
         rule.regex.search(name)) {
       return std::string_view(rule.ruleID);
     }
@@ -623,10 +632,50 @@ std::optional<std::string_view> RulesEngine::shouldStripParam(
     if (bits != nullptr && !(*bits)[slots_[*slot].referralBegin + k]) continue;
     const PatternRegex& rule = provider.referralParamRegexes[k];
     if (!isRuleEnabled(rule.ruleID, RuleCategoryType::referralMarketing)) continue;
-    if ((bits != nullptr &&
-         (*bits)[slots_[*slot].referralBegin + k] == internal::PrefilterSet::kCertain) ||
+    if ((bits != nullptr && (*bits)[slots_[*slot].referralBegin + k] == kCertain) ||
         rule.regex.search(name)) {
       return std::string_view(rule.ruleID);
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<RulesEngine::ParamRuleMatch> RulesEngine::firstStrippingRule(
+    std::string_view name, const std::vector<const CompiledProvider*>& providers) const {
+  auto plain = [&]() -> std::optional<ParamRuleMatch> {
+    for (const CompiledProvider* provider : providers) {
+      if (auto id = shouldStripParam(name, *provider)) {
+        return ParamRuleMatch{*id, provider, startsWith(*id, "Referral Marketing:")};
+      }
+    }
+    return std::nullopt;
+  };
+  if (!paramSet_ || paramOwner_.empty()) return plain();
+  // Which providers take part, by index; a provider from elsewhere means the slow path.
+  thread_local std::vector<std::uint8_t> active;
+  active.assign(compiledProviders_.size(), 0);
+  for (const CompiledProvider* provider : providers) {
+    auto index = providerIndex(*provider);
+    if (!index) return plain();
+    active[*index] = 1;
+  }
+  const std::vector<std::uint32_t>* ids = nullptr;
+  const std::vector<std::uint8_t>& bits = *paramCandidates(name, &ids);
+  // Global ids run provider by provider, each provider's rules before its referral rules: the
+  // order in which the per-provider walk would try them.
+  for (std::uint32_t id : *ids) {
+    const std::uint32_t owner = paramOwner_[id];
+    if (!active[owner]) continue;
+    const CompiledProvider& provider = compiledProviders_[owner];
+    const ProviderSlots& slot = slots_[owner];
+    const bool referral = id >= slot.referralBegin;
+    const PatternRegex& rule = referral ? provider.referralParamRegexes[id - slot.referralBegin]
+                                        : provider.paramRegexes[id - slot.paramBegin];
+    const RuleCategoryType type =
+        referral ? RuleCategoryType::referralMarketing : provider.category;
+    if (!isRuleEnabled(rule.ruleID, type)) continue;
+    if (bits[id] == kCertain || rule.regex.search(name)) {
+      return ParamRuleMatch{rule.ruleID, &provider, referral};
     }
   }
   return std::nullopt;
@@ -650,8 +699,7 @@ std::optional<FallbackMatch> RulesEngine::shouldStripParamFallback(std::string_v
     if (bits != nullptr && !(*bits)[k]) continue;
     const FallbackRule& rule = fallbackRules_[k];
     if (!isCategoryEnabled(rule.category) || !isRuleEnabled(rule.ruleID, rule.category)) continue;
-    if ((bits != nullptr && (*bits)[k] == internal::PrefilterSet::kCertain) ||
-        rule.regex.search(name)) {
+    if ((bits != nullptr && (*bits)[k] == kCertain) || rule.regex.search(name)) {
       return FallbackMatch{rule.ruleID, rule.category};
     }
   }

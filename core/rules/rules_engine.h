@@ -122,6 +122,17 @@ class RulesEngine {
   bool shouldStripParamBool(std::string_view name, const CompiledProvider& provider) const {
     return shouldStripParam(name, provider).has_value();
   }
+  // The first enabled rule of `providers` (in their order, each provider's rules before its
+  // referral rules) that strips `name`: the answer of calling shouldStripParam on each provider
+  // in turn, found by walking only the index's candidates.
+  struct ParamRuleMatch {
+    std::string_view ruleID;
+    const CompiledProvider* provider = nullptr;
+    bool referral = false;
+  };
+  std::optional<ParamRuleMatch> firstStrippingRule(
+      std::string_view name, const std::vector<const CompiledProvider*>& providers) const;
+
   std::optional<FallbackMatch> shouldStripParamFallback(std::string_view name) const;
   bool shouldStripParamFallbackBool(std::string_view name) const {
     return shouldStripParamFallback(name).has_value();
@@ -157,9 +168,21 @@ class RulesEngine {
   void rebuildIndex();
   void rebuildFallbackIndexIfNeeded() const;
   std::string normalForm(std::string_view url) const;
-  const std::vector<std::uint8_t>* urlCandidates(std::string_view url, std::string& normal) const;
-  const std::vector<std::uint8_t>* paramCandidates(std::string_view name) const;
-  std::optional<std::size_t> providerIndex(const CompiledProvider& provider) const;
+  // Candidate bits of the URL set for `url`; `normal` points at its normal form. Both live in a
+  // per-thread memo until the next call on this thread.
+  const std::vector<std::uint8_t>* urlCandidates(std::string_view url,
+                                                 const std::string** normal) const;
+  const std::vector<std::uint8_t>* paramCandidates(
+      std::string_view name, const std::vector<std::uint32_t>** ids = nullptr) const;
+  // The provider's position when it belongs to this engine's current load and is indexed.
+  std::optional<std::size_t> providerIndex(const CompiledProvider& provider) const {
+    const CompiledProvider* first = compiledProviders_.data();
+    if (slots_.size() != compiledProviders_.size() || &provider < first ||
+        &provider >= first + compiledProviders_.size()) {
+      return std::nullopt;
+    }
+    return static_cast<std::size_t>(&provider - first);
+  }
 
   std::shared_ptr<PreferenceStore> defaults_;
   MatchStrategy strategy_;
@@ -174,6 +197,7 @@ class RulesEngine {
   // Index of the current load; `generation_` keys the per-thread memo of the last subject.
   std::uint64_t generation_ = 0;
   std::vector<ProviderSlots> slots_;
+  std::vector<std::uint32_t> paramOwner_;             // global parameter-rule id -> provider index
   std::unique_ptr<internal::PrefilterSet> urlSet_;    // URL patterns, then exceptions
   std::unique_ptr<internal::PrefilterSet> paramSet_;  // rules and referral rules
   mutable std::unique_ptr<internal::PrefilterSet> fallbackSet_;

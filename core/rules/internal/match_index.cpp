@@ -15,7 +15,7 @@ namespace {
 constexpr unsigned kFlags =
     HS_FLAG_CASELESS | HS_FLAG_PREFILTER | HS_FLAG_SINGLEMATCH | HS_FLAG_ALLOWEMPTY;
 constexpr unsigned kLiteralFlags = HS_FLAG_CASELESS | HS_FLAG_SINGLEMATCH;
-constexpr std::string_view kMagic = "LWPF2";
+constexpr std::string_view kMagic = "LWPF3";
 
 bool isMeta(char c) {
   switch (c) {
@@ -266,6 +266,10 @@ std::optional<std::vector<std::string>> requiredLiterals(std::string_view patter
   return literalsOf(pattern, minimum, 0);
 }
 
+bool matchesEverything(std::string_view pattern) {
+  return pattern.empty() || pattern == ".*" || pattern == ".*?";
+}
+
 bool isUnicodeSensitive(std::string_view p) {
   for (std::size_t i = 0; i + 1 < p.size(); ++i) {
     if (p[i] != '\\') continue;
@@ -308,8 +312,15 @@ void PrefilterSet::classifyLiterals(const std::vector<std::string>& patterns, bo
                                     std::vector<bool>& taken) {
   count_ = patterns.size();
   taken.assign(patterns.size(), false);
+  for (std::uint32_t i = 0; i < patterns.size(); ++i) {
+    if (matchesEverything(patterns[i])) {
+      everything_.push_back(i);
+      taken[i] = true;
+    }
+  }
   if (!literalHash) return;
   for (std::uint32_t i = 0; i < patterns.size(); ++i) {
+    if (taken[i]) continue;
     if (auto literal = anchoredLiteral(patterns[i])) {
       literals_[std::string(*literal)].push_back(i);
       taken[i] = true;
@@ -420,23 +431,44 @@ void PrefilterSet::findUnicodeSensitive(const std::vector<std::string>& patterns
   }
 }
 
-void PrefilterSet::candidates(std::string_view subject,
-                              std::vector<std::uint8_t>& candidates) const {
+void PrefilterSet::candidates(std::string_view subject, std::vector<std::uint8_t>& candidates,
+                              std::vector<std::uint32_t>* ids) const {
+  mark(subject, candidates);
+  if (ids == nullptr) return;
+  ids->clear();
+  // Most subjects leave almost every entry zero: skip eight at a time.
+  const std::uint8_t* data = candidates.data();
+  std::size_t i = 0;
+  for (; i + 8 <= candidates.size(); i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, data + i, sizeof word);
+    if (word == 0) continue;
+    for (std::size_t k = i; k < i + 8; ++k) {
+      if (data[k] != 0) ids->push_back(static_cast<std::uint32_t>(k));
+    }
+  }
+  for (; i < candidates.size(); ++i) {
+    if (data[i] != 0) ids->push_back(static_cast<std::uint32_t>(i));
+  }
+}
+
+void PrefilterSet::mark(std::string_view subject, std::vector<std::uint8_t>& candidates) const {
   candidates.assign(count_, 0);
+  for (auto id : everything_) candidates[id] = kCertain;
   if (!isPrintableAscii(subject)) {
     thread_local std::string shadow;
     if (!asciiShadow(subject, shadow)) {
-      std::fill(candidates.begin(), candidates.end(), 1);
+      for (auto& candidate : candidates) candidate = std::max(candidate, kPossible);
       return;
     }
     // An anchored ASCII literal cannot equal text with a character outside ASCII, so only the
     // database and the patterns it cannot judge here remain.
-    for (auto id : unicodeSensitive_) candidates[id] = 1;
-    for (auto id : always_) candidates[id] = 1;
+    for (auto id : unicodeSensitive_) candidates[id] = kPossible;
+    for (auto id : always_) candidates[id] = kPossible;
     scan(shadow, candidates);
     return;
   }
-  for (auto id : always_) candidates[id] = 1;
+  for (auto id : always_) candidates[id] = kPossible;
   if (!literals_.empty()) {
     if (auto it = literals_.find(subject); it != literals_.end()) {
       for (auto id : it->second) candidates[id] = kCertain;
@@ -457,10 +489,10 @@ void PrefilterSet::scan(std::string_view subject, std::vector<std::uint8_t>& can
   releaseScratch(scratch);
   if (rc != HS_SUCCESS) {
     // Without a scan result nothing may be ruled out.
-    for (auto id : dbIds_) candidates[id] = 1;
+    for (auto id : dbIds_) candidates[id] = kPossible;
     return;
   }
-  for (auto hsId : hits) candidates[dbIds_[hsId]] = 1;
+  for (auto hsId : hits) candidates[dbIds_[hsId]] = kPossible;
 }
 
 std::string PrefilterSet::serialize() const {

@@ -2,6 +2,7 @@
 // of the true answer, so the engine runs ICU only on the few candidates. It never decides a match.
 //
 // Each pattern is classified once:
+//   - a pattern that matches every subject (".*", "") is a certain match;
 //   - an anchored literal ("^" + plain ASCII text + "$") goes into a case-insensitive hash map;
 //   - a pattern whose syntax means the same in ICU and in Vectorscan goes into one Vectorscan
 //     database compiled in prefilter mode (which may over-approximate, never under);
@@ -45,7 +46,9 @@ class PrefilterSet {
   // `candidates` is resized to size(). Allocates nothing once `candidates` has its size.
   static constexpr std::uint8_t kPossible = 1;
   static constexpr std::uint8_t kCertain = 2;
-  void candidates(std::string_view subject, std::vector<std::uint8_t>& candidates) const;
+  // With `ids`, also lists the positions of the non-zero entries in ascending order.
+  void candidates(std::string_view subject, std::vector<std::uint8_t>& candidates,
+                  std::vector<std::uint32_t>* ids = nullptr) const;
 
   // Serialised form of everything derived from the patterns (the compiled database and the
   // classification), for the on-disk cache. `restore` refuses data that is not for `patterns`.
@@ -73,6 +76,7 @@ class PrefilterSet {
   bool compileDatabase(const std::vector<std::string>& patterns, std::vector<std::uint32_t> ids);
   void findUnicodeSensitive(const std::vector<std::string>& patterns);
   void scan(std::string_view subject, std::vector<std::uint8_t>& candidates) const;
+  void mark(std::string_view subject, std::vector<std::uint8_t>& candidates) const;
   hs_scratch* acquireScratch() const;
   void releaseScratch(hs_scratch* scratch) const;
 
@@ -82,6 +86,7 @@ class PrefilterSet {
                      CaseInsensitiveEqual>
       literals_;
   std::vector<std::uint32_t> always_;
+  std::vector<std::uint32_t> everything_;        // match every subject: certain without asking
   std::vector<std::uint32_t> unicodeSensitive_;  // indexed, but not on non-ASCII subjects
   std::vector<std::uint32_t> dbIds_;             // Vectorscan expression id -> pattern index
   hs_database* db_ = nullptr;
@@ -92,6 +97,9 @@ class PrefilterSet {
 // True when ICU and Vectorscan read `pattern` the same way on printable-ASCII subjects under
 // case-insensitive matching: ASCII only, and only escapes and constructs both engines share.
 bool hasPortableSyntax(std::string_view pattern);
+
+// True for the patterns that find a (possibly empty) match in every subject: "", ".*", ".*?".
+bool matchesEverything(std::string_view pattern);
 
 // True when `pattern` uses a class whose meaning on non-ASCII text differs between the engines.
 bool isUnicodeSensitive(std::string_view pattern);

@@ -150,6 +150,14 @@ void expectSameAnswers(const RulesEngine& indexed, const RulesEngine& plain,
     }
   }
   for (const auto& name : paramNames) {
+    // The batched lookup over all selected providers answers as the per-provider walk does.
+    auto first = indexed.firstStrippingRule(name, a);
+    auto expected = plain.firstStrippingRule(name, b);
+    ASSERT_EQ(first.has_value(), expected.has_value()) << link << " param " << name;
+    if (first) {
+      EXPECT_EQ(first->ruleID, expected->ruleID) << link << " param " << name;
+      EXPECT_EQ(first->provider->name, expected->provider->name);
+    }
     auto x = indexed.shouldStripParamFallback(name);
     auto y = plain.shouldStripParamFallback(name);
     ASSERT_EQ(x.has_value(), y.has_value()) << name;
