@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/stats/missed_tracker_report.h"
+#include "core/updates/signed_rule_feed.h"
 #include "platform/resources/resource_bundle.h"
 
 namespace linkwash {
@@ -60,7 +61,7 @@ std::shared_ptr<PreferenceStore> sharedGroupStore() {
 RulesEngine& sharedRulesEngine() {
   static auto* engine = [] {
     auto* created = new RulesEngine(sharedStandardStore());
-    created->loadBundledRules();
+    loadVerifiedRules(*created);
     return created;
   }();
   return *engine;

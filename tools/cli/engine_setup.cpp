@@ -1,6 +1,7 @@
 #include "tools/cli/engine_setup.h"
 
 #include "core/base/diagnostics.h"
+#include "core/updates/signed_rule_feed.h"
 #include "platform/fs/files.h"
 
 namespace linkwash::cli {
@@ -9,7 +10,7 @@ std::unique_ptr<RulesEngine> openRulesEngine() {
   // Commands print data on stdout; warnings must not mix with it.
   setDiagnosticSink(standardErrorSink());
   auto engine = std::make_unique<RulesEngine>(PreferenceStore::standard());
-  engine->loadBundledRules();
+  loadVerifiedRules(*engine);
   return engine;
 }
 

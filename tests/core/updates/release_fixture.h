@@ -1,0 +1,61 @@
+// Signed rule releases made with a fixed test key, for the feed, store and loader tests.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "core/updates/rule_update_manifest.h"
+#include "core/updates/signed_rule_feed.h"
+#include "platform/crypto/sha256.h"
+#include "tests/core/updates/test_keys.h"
+
+namespace linkwash::testing {
+
+// A provider file with one provider that strips `parameter` from every link.
+inline std::string providerFile(std::string_view name, std::string_view parameter) {
+  return R"({"providers":{")" + std::string(name) +
+         R"(":{"urlPattern":"^https?:\\/\\/","rules":[")" + std::string(parameter) + R"("]}}})";
+}
+
+struct ReleaseSigner {
+  Ed25519SigningKey key = seededKey(42);
+  std::string keyId = "test-key";
+  std::string host = std::string(rulesHost());
+
+  std::string trust() const { return keyFile({keyEntry(keyId, key.publicKey())}); }
+
+  // A manifest that meets every signed-release rule for these files.
+  RuleUpdateManifest manifest(const std::string& version, std::string_view clear,
+                              std::string_view supplementary) const {
+    using File = RuleUpdateManifest::File;
+    const std::string base = SignedRuleFeed::rulesBaseURL(host) + version + "/";
+    RuleUpdateManifest m;
+    m.product = "Linkwash";
+    m.kind = "rules";
+    m.schemaVersion = 1;
+    m.currentVersion = version;
+    m.publishedAt = *parseISO8601("2027-01-01T00:00:00Z");
+    m.files = {{File::Kind::clearurls, "data.min.json", base + "data.min.json",
+                hexLower(sha256(clear)), static_cast<std::int64_t>(clear.size())},
+               {File::Kind::linkwashSupplementary, "linkwash-supplementary.json",
+                base + "linkwash-supplementary.json", hexLower(sha256(supplementary)),
+                static_cast<std::int64_t>(supplementary.size())}};
+    m.notes = {"Test release " + version};
+    return m;
+  }
+
+  SignedRuleFeed::Proof signBytes(std::string manifestBytes) const {
+    std::string signature = signedEnvelope(key, ruleManifestSignedMessage(manifestBytes), keyId);
+    return {std::move(manifestBytes), std::move(signature)};
+  }
+  SignedRuleFeed::Proof sign(const RuleUpdateManifest& m) const { return signBytes(m.encode()); }
+
+  SignedRuleFeed::Record record(const std::string& version,
+                                std::string clear = providerFile("release", "session"),
+                                std::string supplementary = providerFile("extra", "ref")) const {
+    return {sign(manifest(version, clear, supplementary)), std::move(clear),
+            std::move(supplementary)};
+  }
+};
+
+}  // namespace linkwash::testing
