@@ -11,5 +11,6 @@ void addRulesCommand(CLI::App& app, int& exitCode);
 void addCleanCommand(CLI::App& app, int& exitCode);
 void addSitesCommand(CLI::App& app, int& exitCode);
 void addReportCommand(CLI::App& app, int& exitCode);
+void addGuardCommand(CLI::App& app, int& exitCode);
 
 }  // namespace linkwash::cli

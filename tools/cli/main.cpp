@@ -16,6 +16,7 @@ int main(int argc, char** argv) {
   linkwash::cli::addCleanCommand(app, exitCode);
   linkwash::cli::addSitesCommand(app, exitCode);
   linkwash::cli::addReportCommand(app, exitCode);
+  linkwash::cli::addGuardCommand(app, exitCode);
   linkwash::cli::addDefaultsCommand(app, exitCode);
   linkwash::cli::addRulesCommand(app, exitCode);
   try {
