@@ -8,6 +8,8 @@ namespace linkwash::cli {
 
 void addDefaultsCommand(CLI::App& app, int& exitCode);
 void addRulesCommand(CLI::App& app, int& exitCode);
+// update, install-release, status and auto under `linkwash rules`.
+void addRulesUpdateCommands(CLI::App& rules, int& exitCode);
 void addCleanCommand(CLI::App& app, int& exitCode);
 void addSitesCommand(CLI::App& app, int& exitCode);
 void addReportCommand(CLI::App& app, int& exitCode);

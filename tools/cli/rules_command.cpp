@@ -258,6 +258,8 @@ void addRulesCommand(CLI::App& app, int& exitCode) {
   validate->add_option("SUPPLEMENTARY", o->second, "An optional supplementary file");
   validate->footer("Example:\n  linkwash rules validate data.min.json linkwash-supplementary.json");
   validate->callback([o, &exitCode] { exitCode = runValidate(o->first, o->second); });
+
+  addRulesUpdateCommands(*rules, exitCode);
 }
 
 }  // namespace linkwash::cli
