@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "core/base/strings.h"
+#include "core/privacy/privacy_catalog_store.h"
 #include "core/privacy/privacy_redirector.h"
 #include "platform/regex/case_mapping.h"
 #include "platform/url/url_components.h"
@@ -67,12 +68,11 @@ std::string lowercasedHost(const URLComponents& components) {
 
 std::optional<PrivacyRedirectResult> defaultPrivacyStage(std::string_view link,
                                                          const PrivacyRedirectSettings& settings) {
-  const auto now = std::chrono::duration_cast<std::chrono::seconds>(
-      std::chrono::system_clock::now().time_since_epoch());
-  // The catalog store arrives with the privacy frontends; without one only non-catalog
-  // redirects are possible.
-  return PrivacyRedirector(nullptr, static_cast<std::uint64_t>(now.count()))
-      .redirect(link, settings);
+  // Only Nitter-compatible redirects consult the catalog; every other choice skips even the
+  // stat() that checks for a newly installed one.
+  auto catalog =
+      settings.xRedirectChoice == XRedirectChoice::nitter ? privacyCatalogInUse() : nullptr;
+  return PrivacyRedirector(std::move(catalog), currentUnixSeconds()).redirect(link, settings);
 }
 
 // Everything one pass gathers before it becomes a CleanResult.

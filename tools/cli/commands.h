@@ -13,6 +13,8 @@ void addRulesUpdateCommands(CLI::App& rules, int& exitCode);
 void addCleanCommand(CLI::App& app, int& exitCode);
 void addSitesCommand(CLI::App& app, int& exitCode);
 void addReportCommand(CLI::App& app, int& exitCode);
+void addRedirectCommand(CLI::App& app, int& exitCode);
+void addCatalogCommand(CLI::App& app, int& exitCode);
 void addGuardCommand(CLI::App& app, int& exitCode);
 
 }  // namespace linkwash::cli

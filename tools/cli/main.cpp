@@ -19,6 +19,8 @@ int main(int argc, char** argv) {
   linkwash::cli::addGuardCommand(app, exitCode);
   linkwash::cli::addDefaultsCommand(app, exitCode);
   linkwash::cli::addRulesCommand(app, exitCode);
+  linkwash::cli::addRedirectCommand(app, exitCode);
+  linkwash::cli::addCatalogCommand(app, exitCode);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

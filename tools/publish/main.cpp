@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "core/updates/signed_rule_feed.h"
+#include "tools/publish/catalog_commands.h"
 #include "tools/publish/publisher.h"
 
 namespace {
@@ -138,6 +139,8 @@ int main(int argc, char** argv) {
     std::printf("OK: %s rules %s, published %s\n", std::string(rawValue(verify.channel)).c_str(),
                 manifest->currentVersion.c_str(), formatISO8601(manifest->publishedAt).c_str());
   });
+
+  publish::addCatalogCommands(app, exitCode);
 
   try {
     app.parse(argc, argv);

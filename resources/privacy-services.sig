@@ -1,0 +1,1 @@
+{"algorithm":"Ed25519","keyID":"linkwash-catalog-1","signature":"X5E5+otpmgijQP1NudF612zvCHouFa5psDYqNhTtUaaqRXTAwOaBOqYhzyZ0Tsk4kY9hEby8h3sWvHpCwAWEDA=="}
