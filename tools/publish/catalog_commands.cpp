@@ -1,6 +1,7 @@
 // Signing the privacy services catalog and laying out its update tree. Both commands check their
 // output with the same code the app uses, so what they write is what the app accepts.
 #include "tools/publish/catalog_commands.h"
+#include "tools/publish/publisher.h"
 
 #include <algorithm>
 #include <chrono>
@@ -46,35 +47,6 @@ Result<std::string> readInput(const fs::path& path) {
   auto data = files::readFile(path);
   if (!data) return fail("cannot read " + path.string());
   return std::move(*data);
-}
-
-// The key file written by `keygen`: {"algorithm":"Ed25519","keyID":...,"seed":base64}.
-Result<Ed25519SigningKey> readSigningKey(const fs::path& path, const std::string& keyId) {
-  auto text = files::readFile(path);
-  if (!text) return fail("cannot read key file " + path.string());
-  const auto json = parseJson(*text);
-  std::fill(text->begin(), text->end(), '\0');
-  auto member = [&](const char* name) -> std::optional<std::string> {
-    if (!json || !json->is_object()) return std::nullopt;
-    const auto it = json->find(name);
-    if (it == json->end() || !it->is_string()) return std::nullopt;
-    return it->get<std::string>();
-  };
-  const auto storedId = member("keyID");
-  auto seedText = member("seed");
-  if (member("algorithm") != kSignatureAlgorithm || !storedId || !seedText) {
-    return fail(path.string() + " is not a key file written by `linkwash-publish keygen`");
-  }
-  if (*storedId != keyId) {
-    return fail(path.string() + " holds key \"" + *storedId + "\", not \"" + keyId + "\"");
-  }
-  auto seed = base64DecodeCanonical(*seedText);
-  std::fill(seedText->begin(), seedText->end(), '\0');
-  if (!seed || seed->size() != kEd25519SeedSize) return fail(path.string() + ": damaged seed");
-  auto key = Ed25519SigningKey::fromSeed(*seed);
-  std::fill(seed->begin(), seed->end(), 0);
-  if (!key) return fail("OpenSSL refused the key in " + path.string());
-  return std::move(*key);
 }
 
 // "now" or an ISO 8601 time.
@@ -150,7 +122,7 @@ int runSignCatalog(const SignCatalogOptions& options) {
         "the catalog breaks the content rules (product, kind, schema, version, times, 1 to 32 "
         "services with valid ids, states, shapes, the five X/Twitter hosts and https URLs)");
   }
-  auto key = readSigningKey(options.key, options.keyId);
+  auto key = readPrivateKey(options.key, options.keyId);
   if (!key) return report(key.error().message);
 
   const std::string payload = canonical(*catalog);

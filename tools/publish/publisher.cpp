@@ -73,36 +73,6 @@ Result<void> writeNewPrivateFile(const fs::path& path, std::string_view content)
   return {};
 }
 
-Result<Ed25519SigningKey> readPrivateKey(const fs::path& path, std::string_view keyId) {
-  auto text = files::readFile(path);
-  if (!text) return fail("cannot read key file " + path.string());
-  const auto json = parseJson(*text);
-  std::fill(text->begin(), text->end(), '\0');
-  auto member = [&](const char* name) -> std::optional<std::string> {
-    if (!json || !json->is_object()) return std::nullopt;
-    const auto it = json->find(name);
-    if (it == json->end() || !it->is_string()) return std::nullopt;
-    return it->get<std::string>();
-  };
-  const auto algorithm = member("algorithm");
-  const auto storedId = member("keyID");
-  auto seedText = member("seed");
-  if (algorithm != kSignatureAlgorithm || !storedId || !seedText) {
-    return fail(path.string() + " is not a key file written by `linkwash-publish keygen`");
-  }
-  if (*storedId != keyId) {
-    return fail(path.string() + " holds key \"" + *storedId + "\", not \"" + std::string(keyId) +
-                "\"");
-  }
-  auto seed = base64DecodeCanonical(*seedText);
-  std::fill(seedText->begin(), seedText->end(), '\0');
-  if (!seed || seed->size() != kEd25519SeedSize) return fail(path.string() + ": damaged seed");
-  auto key = Ed25519SigningKey::fromSeed(*seed);
-  std::fill(seed->begin(), seed->end(), 0);
-  if (!key) return fail("OpenSSL refused the key in " + path.string());
-  return std::move(*key);
-}
-
 Result<std::string> readRuleFile(const fs::path& path) {
   auto data = files::readFile(path);
   if (!data) return fail("cannot read " + path.string());
@@ -175,6 +145,37 @@ std::string explainRejection(const SignedRuleFeed::Proof& proof, std::string_vie
 }
 
 }  // namespace
+
+Result<Ed25519SigningKey> readPrivateKey(const std::filesystem::path& path,
+                                         std::string_view keyId) {
+  auto text = files::readFile(path);
+  if (!text) return fail("cannot read key file " + path.string());
+  const auto json = parseJson(*text);
+  std::fill(text->begin(), text->end(), '\0');
+  auto member = [&](const char* name) -> std::optional<std::string> {
+    if (!json || !json->is_object()) return std::nullopt;
+    const auto it = json->find(name);
+    if (it == json->end() || !it->is_string()) return std::nullopt;
+    return it->get<std::string>();
+  };
+  const auto algorithm = member("algorithm");
+  const auto storedId = member("keyID");
+  auto seedText = member("seed");
+  if (algorithm != kSignatureAlgorithm || !storedId || !seedText) {
+    return fail(path.string() + " is not a key file written by `linkwash-publish keygen`");
+  }
+  if (*storedId != keyId) {
+    return fail(path.string() + " holds key \"" + *storedId + "\", not \"" + std::string(keyId) +
+                "\"");
+  }
+  auto seed = base64DecodeCanonical(*seedText);
+  std::fill(seedText->begin(), seedText->end(), '\0');
+  if (!seed || seed->size() != kEd25519SeedSize) return fail(path.string() + ": damaged seed");
+  auto key = Ed25519SigningKey::fromSeed(*seed);
+  std::fill(seed->begin(), seed->end(), 0);
+  if (!key) return fail("OpenSSL refused the key in " + path.string());
+  return std::move(*key);
+}
 
 std::string defaultKeyId() {
   const auto today = std::chrono::floor<std::chrono::days>(std::chrono::system_clock::now());

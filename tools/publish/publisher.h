@@ -14,6 +14,7 @@
 
 #include "core/base/result.h"
 #include "core/updates/rule_update_manifest.h"
+#include "platform/crypto/ed25519.h"
 
 namespace linkwash::publish {
 
@@ -29,6 +30,9 @@ Result<std::string> generateKey(const KeygenOptions& options);
 
 // A default key ID for a new key: "rules-" and today's UTC date ("rules-20260314").
 std::string defaultKeyId();
+
+// Reads a private key file written by `keygen` and checks that it holds key `keyId`.
+Result<Ed25519SigningKey> readPrivateKey(const std::filesystem::path& path, std::string_view keyId);
 
 struct SignOptions {
   std::filesystem::path key;
