@@ -97,6 +97,11 @@ std::optional<std::string_view> rawHttpsPath(std::string_view urlString, std::st
 
 std::optional<PrivacyRedirectResult> PrivacyRedirector::redirect(
     std::string_view urlString, const PrivacyRedirectSettings& settings) const {
+  // Under the default settings no link can be redirected: answer before parsing, because the
+  // pipeline asks for every link it cleans.
+  if (settings.xRedirectChoice == XRedirectChoice::off && !settings.redditRedirectEnabled) {
+    return std::nullopt;
+  }
   auto link = URLComponents::parse(urlString);
   if (!link || !link->scheme()) return std::nullopt;
   const std::string scheme = asciiLower(*link->scheme());
