@@ -167,24 +167,24 @@ std::optional<PrivacyRedirectResult> PrivacyRedirector::redirect(
 std::optional<Service> PrivacyRedirector::selectedService(
     const PrivacyRedirectSettings& settings, std::optional<std::string_view> shape) const {
   if (!settings.nitterEnabled() || !catalog_) return std::nullopt;
-  auto candidates = catalog_->choices(now_);
-  if (shape) {
-    std::erase_if(candidates, [&](const Service& service) { return !service.supports(*shape); });
-  }
+  const auto& candidates = catalog_->choices(now_);
+  auto usable = [&](const Service& service) { return !shape || service.supports(*shape); };
   if (!settings.nitterAutomatic) {
     // An explicit selection is that service or nothing; no other instance stands in for it.
     const auto it = std::find_if(candidates.begin(), candidates.end(), [&](const Service& service) {
       return service.id == settings.nitterServiceID;
     });
-    if (it == candidates.end()) return std::nullopt;
+    if (it == candidates.end() || !usable(*it)) return std::nullopt;
     return *it;
   }
   // Automatic mode ignores the stored id: an instance that stops being eligible or lacks the
   // shape drops out, and the next smallest id takes over.
-  const auto it = std::min_element(candidates.begin(), candidates.end(),
-                                   [](const Service& a, const Service& b) { return a.id < b.id; });
-  if (it == candidates.end()) return std::nullopt;
-  return *it;
+  const Service* best = nullptr;
+  for (const auto& service : candidates) {
+    if (usable(service) && (best == nullptr || service.id < best->id)) best = &service;
+  }
+  if (best == nullptr) return std::nullopt;
+  return *best;
 }
 
 std::string PrivacyRedirector::status(const PrivacyRedirectSettings& settings) const {

@@ -332,15 +332,21 @@ bool PrivacyServicesCatalog::Verified::fresh(std::uint64_t now) const {
   });
 }
 
-bool PrivacyServicesCatalog::Verified::eligible(std::string_view id) const {
-  if (catalog_.schema != 2) return false;
-  const auto it = std::find_if(catalog_.services.begin(), catalog_.services.end(),
-                               [&](const Service& service) { return service.id == id; });
-  if (it == catalog_.services.end() || it->state != kStateActive) return false;
-  if (it->id != "xcancel" && it->family != kFamilyNitter) return false;
-  if (!matchesWhole(httpsOriginRegex(), it->destination)) return false;
+PrivacyServicesCatalog::Verified::Verified(PrivacyServicesCatalog catalog, std::string bytes)
+    : catalog_(std::move(catalog)), bytes_(std::move(bytes)) {
+  for (const auto& service : catalog_.services) {
+    if (isEligible(catalog_, service)) eligible_.push_back(service);
+  }
+}
+
+bool PrivacyServicesCatalog::Verified::isEligible(const PrivacyServicesCatalog& catalog,
+                                                  const Service& service) {
+  if (catalog.schema != 2) return false;
+  if (service.state != kStateActive) return false;
+  if (service.id != "xcancel" && service.family != kFamilyNitter) return false;
+  if (!matchesWhole(httpsOriginRegex(), service.destination)) return false;
   // A frontend is never the original site, whatever the catalog says.
-  std::string_view host = withoutTrailingSlash(it->destination);
+  std::string_view host = withoutTrailingSlash(service.destination);
   host.remove_prefix(std::string_view("https://").size());
   const bool original =
       std::find(kXTwitterHosts.begin(), kXTwitterHosts.end(), host) != kXTwitterHosts.end() ||
@@ -348,14 +354,15 @@ bool PrivacyServicesCatalog::Verified::eligible(std::string_view id) const {
   return !original;
 }
 
-std::vector<Service> PrivacyServicesCatalog::Verified::choices(std::uint64_t now) const {
-  std::vector<Service> eligibleServices;
+bool PrivacyServicesCatalog::Verified::eligible(std::string_view id) const {
+  return std::any_of(eligible_.begin(), eligible_.end(),
+                     [&](const Service& service) { return service.id == id; });
+}
+
+const std::vector<Service>& PrivacyServicesCatalog::Verified::choices(std::uint64_t now) const {
   // A stale review means nobody vouches for the instances any more: offer none.
-  if (!fresh(now)) return eligibleServices;
-  for (const auto& service : catalog_.services) {
-    if (eligible(service.id)) eligibleServices.push_back(service);
-  }
-  return eligibleServices;
+  static const std::vector<Service> kNone;
+  return fresh(now) ? eligible_ : kNone;
 }
 
 // --- Archive -------------------------------------------------------------------------------------

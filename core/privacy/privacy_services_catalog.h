@@ -129,16 +129,20 @@ class PrivacyServicesCatalog::Verified {
   // True for a service of a schema-2 catalog that is active, of the Nitter family (XCancel by
   // its state alone), and whose destination is a bare https origin that is not an X/Twitter host.
   bool eligible(std::string_view id) const;
-  // The eligible services in catalog order; empty unless the catalog is fresh at `now`.
-  std::vector<Service> choices(std::uint64_t now) const;
+  // The eligible services in catalog order; empty unless the catalog is fresh at `now`. The
+  // list lives as long as this object.
+  const std::vector<Service>& choices(std::uint64_t now) const;
 
  private:
   friend struct PrivacyServicesCatalog;
-  Verified(PrivacyServicesCatalog catalog, std::string bytes)
-      : catalog_(std::move(catalog)), bytes_(std::move(bytes)) {}
+  Verified(PrivacyServicesCatalog catalog, std::string bytes);
+  static bool isEligible(const PrivacyServicesCatalog& catalog, const Service& service);
 
   PrivacyServicesCatalog catalog_;
   std::string bytes_;
+  // Eligibility depends only on the catalog, which never changes once verified; the redirector
+  // asks for every link, so it is worked out once.
+  std::vector<Service> eligible_;
 };
 
 using VerifiedPrivacyCatalog = PrivacyServicesCatalog::Verified;
