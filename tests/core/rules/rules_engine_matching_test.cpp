@@ -13,11 +13,12 @@
 namespace linkwash {
 namespace {
 
+using testing::entry;
 using testing::fallbackRuleID;
 using testing::providerNamed;
-using testing::providerNames;
 using testing::RulesHome;
 using testing::stripRuleID;
+using Cat = RuleCategoryType;
 
 constexpr std::string_view kProviders = R"js({"providers": {
   "shop-analytics": {"urlPattern": "^https://shop\\.example/",
@@ -29,10 +30,17 @@ constexpr std::string_view kProviders = R"js({"providers": {
                             "[?&]to=([^&]+)", "[?&]next=([^&]+)",
                             "(?:[?&]dest=(https[^&]*)|[?&]none=)"]}}})js";
 
-TEST(RulesEngineMatchingTest, EmptyCatalogEnablesEverythingAndRecordsNothing) {
-  RulesHome home;
-  RulesEngine engine(home.store());
-  for (RuleCategoryType type : kAllRuleCategoryTypes) {
+class RulesEngineMatchingTest : public ::testing::Test {
+ protected:
+  RulesHome home_;
+  std::unique_ptr<RulesEngine> engine_ = home_.engine(kProviders);
+  const CompiledProvider& shop_ = *providerNamed(*engine_, "shop-analytics");
+  const CompiledProvider& jump_ = *providerNamed(*engine_, "jump");
+};
+
+TEST_F(RulesEngineMatchingTest, EmptyCatalogEnablesEverythingAndRecordsNothing) {
+  RulesEngine engine(home_.store());
+  for (Cat type : kAllRuleCategoryTypes) {
     EXPECT_TRUE(engine.isCategoryEnabled(type));
     EXPECT_TRUE(engine.isRuleEnabled("Analytics:utm_source", type));
     engine.recordMatch("Analytics:utm_source", type);
@@ -42,21 +50,13 @@ TEST(RulesEngineMatchingTest, EmptyCatalogEnablesEverythingAndRecordsNothing) {
   EXPECT_FALSE(engine.shouldStripParamFallbackBool("utm_source"));
   EXPECT_TRUE(engine.matchingProviders("https://a.example/").empty());
   engine.saveMatchCounts();
-  auto counts = home.storedJson(RulesEngine::kMatchCountsKey);
+  auto counts = home_.storedJson(RulesEngine::kMatchCountsKey);
   EXPECT_TRUE(!counts || counts->empty());
 }
 
-TEST(RulesEngineMatchingTest, SelectionAndExceptionsSeeTheNormalForm) {
-  RulesHome home;
-  auto engine = home.engine(kProviders);
-  const CompiledProvider* shop = providerNamed(*engine, "shop-analytics");
-  ASSERT_NE(shop, nullptr);
-  struct Case {
-    std::string_view url;
-    bool selected;
-    bool excepted;
-  };
-  const std::vector<Case> cases = {
+TEST_F(RulesEngineMatchingTest, SelectionAndExceptionsSeeTheNormalForm) {
+  // The link, whether the shop is selected for it, and whether it is an exception.
+  const std::vector<std::tuple<std::string_view, bool, bool>> cases = {
       {"https://shop.example/item", true, false},
       {"https://user:pw@SHOP.Example/item", true, false},
       {"https://user@shop.example/item", true, false},
@@ -65,25 +65,19 @@ TEST(RulesEngineMatchingTest, SelectionAndExceptionsSeeTheNormalForm) {
       {"https://other.example/?u=https://shop.example/", false, false},
       {"shop.example/item", false, false},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(providerNames(engine->matchingProviders(c.url)),
-              c.selected ? std::vector<std::string>{"shop-analytics"} : std::vector<std::string>{})
-        << c.url;
-    EXPECT_EQ(engine->isException(c.url, *shop), c.excepted) << c.url;
+  for (const auto& [url, selected, excepted] : cases) {
+    EXPECT_EQ(engine_->matchingProviders(url).size(), selected ? 1u : 0u) << url;
+    EXPECT_EQ(engine_->isException(url, shop_), excepted) << url;
   }
 }
 
-TEST(RulesEngineMatchingTest, RawRulesAndRedirectionsSeeTheTextAsGiven) {
-  RulesHome home;
-  auto engine = home.engine(kProviders);
-  const CompiledProvider* shop = providerNamed(*engine, "shop-analytics");
-  const CompiledProvider* jump = providerNamed(*engine, "jump");
-  ASSERT_TRUE(shop && jump);
+TEST_F(RulesEngineMatchingTest, RawRulesAndRedirectionsSeeTheTextAsGiven) {
   // Each raw rule works on what the rules before it left.
-  EXPECT_EQ(engine->applyRawRules("https://user:pw@SHOP.example/a/track/42/tram", *shop),
+  EXPECT_EQ(engine_->applyRawRules("https://user:pw@SHOP.example/a/track/42/tram", shop_),
             "https://SHOP.example/aam");
-  EXPECT_EQ(engine->applyRawRules("https://shop.example/TR/TR/x", *shop), "https://shop.example/x");
-  EXPECT_EQ(engine->applyRawRules("https://shop.example/", *shop), "https://shop.example/");
+  EXPECT_EQ(engine_->applyRawRules("https://shop.example/TR/TR/x", shop_),
+            "https://shop.example/x");
+  EXPECT_EQ(engine_->applyRawRules("https://shop.example/", shop_), "https://shop.example/");
 
   const std::vector<std::pair<std::string_view, std::optional<std::string>>> cases = {
       {"https://jump.example/?to=https%3A%2F%2Fdest.example%2Fa%3Fb%3D1",
@@ -103,95 +97,70 @@ TEST(RulesEngineMatchingTest, RawRulesAndRedirectionsSeeTheTextAsGiven) {
       {"https://jump.example/?dest=https://d.example/", "https://d.example/"},
   };
   for (const auto& [url, expected] : cases) {
-    EXPECT_EQ(engine->extractRedirection(url, *jump), expected) << url;
+    EXPECT_EQ(engine_->extractRedirection(url, jump_), expected) << url;
   }
 
-  engine->category(RuleCategoryType::redirectUnwrapping)->isEnabled = false;
-  EXPECT_FALSE(engine->extractRedirection("https://jump.example/?to=https://d.example/", *jump));
-  EXPECT_TRUE(engine->matchingProviders("https://jump.example/?to=https://d.example/").empty());
+  engine_->category(Cat::redirectUnwrapping)->isEnabled = false;
+  EXPECT_FALSE(engine_->extractRedirection("https://jump.example/?to=https://d.example/", jump_));
+  EXPECT_TRUE(engine_->matchingProviders("https://jump.example/?to=https://d.example/").empty());
 }
 
-TEST(RulesEngineMatchingTest, DisabledRulesArePassedOverForLaterOnes) {
-  RulesHome home;
-  auto engine = home.engine(kProviders);
-  const CompiledProvider* shop = providerNamed(*engine, "shop-analytics");
-  ASSERT_NE(shop, nullptr);
-  auto entry = [&](const char* id, RuleCategoryType type) {
-    RuleEntry* found = engine->entry(id, type);
-    EXPECT_NE(found, nullptr) << id;
-    return found;
-  };
-  EXPECT_EQ(stripRuleID(*engine, "SID", *shop), "Analytics:sid.*");
-  EXPECT_EQ(stripRuleID(*engine, "aff", *shop), "Referral Marketing:aff");
-  EXPECT_FALSE(engine->shouldStripParamBool("xsid", *shop));
+TEST_F(RulesEngineMatchingTest, DisabledRulesArePassedOverForLaterOnes) {
+  EXPECT_EQ(stripRuleID(*engine_, "SID", shop_), "Analytics:sid.*");
+  EXPECT_EQ(stripRuleID(*engine_, "aff", shop_), "Referral Marketing:aff");
+  EXPECT_FALSE(engine_->shouldStripParamBool("xsid", shop_));
 
-  entry("Analytics:sid.*", RuleCategoryType::analytics)->isEnabled = false;
-  EXPECT_EQ(stripRuleID(*engine, "sid", *shop), "Analytics:sid");
-  EXPECT_FALSE(engine->shouldStripParamBool("sid2", *shop));
+  entry(*engine_, "Analytics:sid.*").isEnabled = false;
+  EXPECT_EQ(stripRuleID(*engine_, "sid", shop_), "Analytics:sid");
+  EXPECT_FALSE(engine_->shouldStripParamBool("sid2", shop_));
 
-  entry("Analytics:sid", RuleCategoryType::analytics)->isEnabled = false;
-  EXPECT_EQ(stripRuleID(*engine, "sid", *shop), "Referral Marketing:sid");
+  entry(*engine_, "Analytics:sid").isEnabled = false;
+  EXPECT_EQ(stripRuleID(*engine_, "sid", shop_), "Referral Marketing:sid");
 
-  entry("Analytics:sid.*", RuleCategoryType::analytics)->isEnabled = true;
-  engine->category(RuleCategoryType::analytics)->isEnabled = false;
-  EXPECT_EQ(stripRuleID(*engine, "sid", *shop), "Referral Marketing:sid");
-  EXPECT_TRUE(engine->matchingProviders("https://shop.example/").empty());
+  entry(*engine_, "Analytics:sid.*").isEnabled = true;
+  engine_->category(Cat::analytics)->isEnabled = false;
+  EXPECT_EQ(stripRuleID(*engine_, "sid", shop_), "Referral Marketing:sid");
+  EXPECT_TRUE(engine_->matchingProviders("https://shop.example/").empty());
 
-  engine->category(RuleCategoryType::referralMarketing)->isEnabled = false;
-  EXPECT_FALSE(engine->shouldStripParamBool("sid", *shop));
-  EXPECT_FALSE(engine->shouldStripParamBool("aff", *shop));
+  engine_->category(Cat::referralMarketing)->isEnabled = false;
+  EXPECT_FALSE(engine_->shouldStripParamBool("sid", shop_));
+  EXPECT_FALSE(engine_->shouldStripParamBool("aff", shop_));
 }
 
-TEST(RulesEngineMatchingTest, FallbackRulesFollowTheirSwitches) {
-  RulesHome home;
-  auto engine = home.engine(kProviders);
-  engine->addCustomRule("utm_source", "own utm", RuleCategoryType::custom);
-  EXPECT_EQ(fallbackRuleID(*engine, "utm_source"), "Analytics:utm_*");
+TEST_F(RulesEngineMatchingTest, FallbackRulesFollowTheirSwitches) {
+  engine_->addCustomRule("utm_source", "own utm", Cat::custom);
+  EXPECT_EQ(fallbackRuleID(*engine_, "utm_source"), "Analytics:utm_*");
 
-  engine->entry("Analytics:utm_*", RuleCategoryType::analytics)->isEnabled = false;
-  EXPECT_EQ(fallbackRuleID(*engine, "utm_source"), "Custom:utm_source");
-  EXPECT_FALSE(fallbackRuleID(*engine, "utm_medium").has_value());
-  EXPECT_EQ(fallbackRuleID(*engine, "yclid"), "Analytics:yclid");
+  entry(*engine_, "Analytics:utm_*").isEnabled = false;
+  EXPECT_EQ(fallbackRuleID(*engine_, "utm_source"), "Custom:utm_source");
+  EXPECT_FALSE(fallbackRuleID(*engine_, "utm_medium").has_value());
+  EXPECT_EQ(fallbackRuleID(*engine_, "yclid"), "Analytics:yclid");
 
-  engine->category(RuleCategoryType::custom)->isEnabled = false;
-  EXPECT_FALSE(fallbackRuleID(*engine, "utm_source").has_value());
+  engine_->category(Cat::custom)->isEnabled = false;
+  EXPECT_FALSE(fallbackRuleID(*engine_, "utm_source").has_value());
 
-  engine->category(RuleCategoryType::socialMedia)->isEnabled = false;
-  EXPECT_FALSE(fallbackRuleID(*engine, "fbclid").has_value());
-  EXPECT_EQ(fallbackRuleID(*engine, "gclid"), "Advertising:gclid");
+  engine_->category(Cat::socialMedia)->isEnabled = false;
+  EXPECT_FALSE(fallbackRuleID(*engine_, "fbclid").has_value());
+  EXPECT_EQ(fallbackRuleID(*engine_, "gclid"), "Advertising:gclid");
 }
 
-TEST(RulesEngineMatchingTest, RecordMatchCountsOnCategoryAndEntry) {
-  RulesHome home;
-  auto engine = home.engine(kProviders);
-  engine->recordMatch("Analytics:sid", RuleCategoryType::analytics);
-  engine->recordMatch("Analytics:unknown", RuleCategoryType::analytics);
-  engine->recordMatch("Analytics:sid", RuleCategoryType::socialMedia);  // no such entry there
-  EXPECT_EQ(engine->category(RuleCategoryType::analytics)->matchCount, 2);
-  EXPECT_EQ(engine->entry("Analytics:sid", RuleCategoryType::analytics)->matchCount, 1);
-  EXPECT_EQ(engine->category(RuleCategoryType::socialMedia)->matchCount, 1);
-  EXPECT_EQ(engine->category(RuleCategoryType::analytics)->totalMatchCount(), 1);
-}
+TEST_F(RulesEngineMatchingTest, StatisticsSwitchOffStopsEveryCount) {
+  engine_->recordMatch("Analytics:sid", Cat::analytics);
+  engine_->recordMatch("Analytics:sid", Cat::socialMedia);  // no such entry there
+  EXPECT_EQ(engine_->category(Cat::analytics)->totalMatchCount(), 1);
+  EXPECT_EQ(engine_->category(Cat::socialMedia)->matchCount, 1);
 
-TEST(RulesEngineMatchingTest, StatisticsSwitchOffStopsEveryCount) {
-  RulesHome home;
-  ASSERT_TRUE(home.store()->set(RulesEngine::kStatsCollectionKey, PreferenceValue{false}));
-  auto engine = home.engine(kProviders);
-  engine->recordMatch("Analytics:sid", RuleCategoryType::analytics);
-  EXPECT_EQ(engine->category(RuleCategoryType::analytics)->matchCount, 0);
-  EXPECT_EQ(engine->entry("Analytics:sid", RuleCategoryType::analytics)->matchCount, 0);
-
-  ASSERT_TRUE(home.store()->set(RulesEngine::kStatsCollectionKey, PreferenceValue{true}));
-  engine->reloadPersistedState();
-  engine->recordMatch("Analytics:sid", RuleCategoryType::analytics);
-  EXPECT_EQ(engine->entry("Analytics:sid", RuleCategoryType::analytics)->matchCount, 1);
-
-  ASSERT_TRUE(home.store()->set(RulesEngine::kStatsCollectionKey, PreferenceValue{false}));
-  engine->reloadPersistedState();
-  engine->recordMatch("Analytics:sid", RuleCategoryType::analytics);
-  engine->recordMatch("Social Media:fbclid", RuleCategoryType::socialMedia);
-  EXPECT_EQ(engine->category(RuleCategoryType::analytics)->matchCount, 1);
-  EXPECT_EQ(engine->category(RuleCategoryType::socialMedia)->matchCount, 0);
+  ASSERT_TRUE(home_.store()->set(RulesEngine::kStatsCollectionKey, PreferenceValue{false}));
+  engine_->reloadPersistedState();
+  engine_->recordMatch("Analytics:sid", Cat::analytics);
+  engine_->recordMatch("Social Media:fbclid", Cat::socialMedia);
+  EXPECT_EQ(engine_->category(Cat::analytics)->matchCount, 1);
+  EXPECT_EQ(entry(*engine_, "Analytics:sid").matchCount, 1);
+  EXPECT_EQ(engine_->category(Cat::socialMedia)->matchCount, 1);
+  // A new engine reads the switch at once.
+  auto quiet = home_.engine(kProviders);
+  quiet->recordMatch("Analytics:sid", Cat::analytics);
+  EXPECT_EQ(entry(*quiet, "Analytics:sid").matchCount, 0);
 }
 
 }  // namespace

@@ -1,17 +1,15 @@
-// Small pieces shared by the rules tests: an engine on a throw-away preference store, lookups by
-// name, and a capture of the library's diagnostic lines.
+// Small pieces shared by the rules tests: an engine on a throw-away preference store and lookups
+// by name.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "core/base/diagnostics.h"
 #include "core/rules/rules_engine.h"
 #include "platform/json/json_writer.h"
 #include "platform/prefs/preference_store.h"
@@ -35,8 +33,7 @@ class RulesHome {
 
   std::optional<Json> storedJson(std::string_view key) const {
     auto data = store_->dataForKey(key);
-    if (!data) return std::nullopt;
-    return parseJson(toString(*data));
+    return data ? parseJson(toString(*data)) : std::nullopt;
   }
 
   void storeJson(std::string_view key, std::string_view json) const {
@@ -55,50 +52,29 @@ inline const CompiledProvider* providerNamed(const RulesEngine& engine, std::str
   return nullptr;
 }
 
+// The catalog entry with this ID; a failure, and a scratch entry, when there is none.
+inline RuleEntry& entry(const RulesEngine& engine, std::string_view id) {
+  static RuleEntry missing;
+  RuleEntry* found = engine.findEntry(id);
+  EXPECT_NE(found, nullptr) << id;
+  return found != nullptr ? *found : missing;
+}
+
 inline std::vector<std::string> providerNames(const RulesEngine& engine) {
   std::vector<std::string> names;
   for (const auto& provider : engine.compiledProviders()) names.push_back(provider.name);
   return names;
 }
 
-inline std::vector<std::string> providerNames(const std::vector<const CompiledProvider*>& list) {
-  std::vector<std::string> names;
-  for (const auto* provider : list) names.push_back(provider->name);
-  return names;
-}
-
 inline std::optional<std::string> fallbackRuleID(const RulesEngine& engine, std::string_view name) {
   auto match = engine.shouldStripParamFallback(name);
-  if (!match) return std::nullopt;
-  return std::string(match->ruleID);
+  return match ? std::optional<std::string>(match->ruleID) : std::nullopt;
 }
 
 inline std::optional<std::string> stripRuleID(const RulesEngine& engine, std::string_view name,
                                               const CompiledProvider& provider) {
   auto id = engine.shouldStripParam(name, provider);
-  if (!id) return std::nullopt;
-  return std::string(*id);
+  return id ? std::optional<std::string>(*id) : std::nullopt;
 }
-
-// Collects diagnostic lines for its lifetime, then sends them to standard output again.
-class DiagnosticCapture {
- public:
-  DiagnosticCapture() {
-    setDiagnosticSink([this](std::string_view line) { lines_.emplace_back(line); });
-  }
-  ~DiagnosticCapture() {
-    setDiagnosticSink([](std::string_view line) {
-      std::fwrite(line.data(), 1, line.size(), stdout);
-      std::fputc('\n', stdout);
-    });
-  }
-  DiagnosticCapture(const DiagnosticCapture&) = delete;
-  DiagnosticCapture& operator=(const DiagnosticCapture&) = delete;
-
-  const std::vector<std::string>& lines() const { return lines_; }
-
- private:
-  std::vector<std::string> lines_;
-};
 
 }  // namespace linkwash::testing

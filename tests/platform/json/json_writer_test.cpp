@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/test_support.h"
-
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -41,32 +39,22 @@ TEST(JsonWriterTest, EscapesStringsLikeTheOriginalEncoder) {
 }
 
 TEST(JsonWriterTest, WritesNumbersInTheirShortestForm) {
-  const std::vector<std::pair<double, std::string>> doubles = {
-      {1.0, "1"},
-      {100.0, "100"},
-      {-2.5, "-2.5"},
-      {0.1, "0.1"},
-      {0.0001, "0.0001"},
-      {0.00012, "0.00012"},
-      {0.00001, "1e-05"},
-      {1.25e-7, "1.25e-07"},
-      {123456.789, "123456.789"},
-      {1e15, "1000000000000000"},
-      {9007199254740992.0, "9007199254740992"},  // 2^53, the last plain one
-      {9007199254740994.0, "9.007199254740994e+15"},
-      {1e16, "1e+16"},
-      {-1e16, "-1e+16"},
-      {1.5e300, "1.5e+300"},
-      {5e-324, "5e-324"},
-      {std::numeric_limits<double>::max(), "1.7976931348623157e+308"},
-      {0.0, "0"},
-      {-0.0, "-0"},
+  auto expectWritten = [](double value, const std::string& expected) {
+    EXPECT_EQ(formatDouble(value), expected);
+    EXPECT_EQ(writeJson(Json(value)), expected);
   };
-  for (const auto& [value, expected] : doubles) {
-    EXPECT_EQ(formatDouble(value), expected) << expected;
-    EXPECT_EQ(writeJson(Json(value)), expected) << expected;
-  }
-
+  const std::vector<std::pair<double, std::string>> doubles = {
+      {1.0, "1"},         {100.0, "100"},       {-2.5, "-2.5"},        {0.1, "0.1"},
+      {0.0001, "0.0001"}, {0.00012, "0.00012"}, {0.00001, "1e-05"},    {1.25e-7, "1.25e-07"},
+      {1e16, "1e+16"},    {-1e16, "-1e+16"},    {1.5e300, "1.5e+300"}, {5e-324, "5e-324"},
+      {0.0, "0"},         {-0.0, "-0"},
+  };
+  for (const auto& [value, expected] : doubles) expectWritten(value, expected);
+  expectWritten(123456.789, "123456.789");
+  expectWritten(1e15, "1000000000000000");
+  expectWritten(9007199254740992.0, "9007199254740992");  // 2^53, the last plain one
+  expectWritten(9007199254740994.0, "9.007199254740994e+15");
+  expectWritten(std::numeric_limits<double>::max(), "1.7976931348623157e+308");
   EXPECT_EQ(writeJson(Json(std::numeric_limits<std::int64_t>::min())), "-9223372036854775808");
   EXPECT_EQ(writeJson(Json(std::numeric_limits<std::uint64_t>::max())), "18446744073709551615");
   EXPECT_EQ(writeJson(Json(0)), "0");
@@ -76,17 +64,13 @@ TEST(JsonWriterTest, WritesNumbersInTheirShortestForm) {
 
 TEST(JsonWriterTest, FormattedDoublesReadBackExactly) {
   std::mt19937_64 random(20260314);
-  std::uniform_int_distribution<std::uint64_t> bits;
   for (int i = 0; i < 20000; ++i) {
-    double value = 0;
+    // Any bit pattern, or a decimal with three places.
+    double value = static_cast<double>(random() % 100000000) / 1000.0;
     if (i % 2 == 0) {
-      const std::uint64_t raw = bits(random);
+      const std::uint64_t raw = random();
       std::memcpy(&value, &raw, sizeof value);
-      if (!std::isfinite(value)) {
-        continue;
-      }
-    } else {
-      value = static_cast<double>(bits(random) % 100000000) / 1000.0;
+      if (!std::isfinite(value)) continue;
     }
     const std::string text = formatDouble(value);
     ASSERT_EQ(std::strtod(text.c_str(), nullptr), value) << text;
@@ -102,32 +86,21 @@ TEST(JsonWriterTest, SortsKeysByBytesAtEveryLevel) {
 }
 
 TEST(JsonWriterTest, PrettyLayout) {
-  const auto value =
-      *parseJson(R"({"name":"x/y","list":[1,[],{}],"empty":{},"nested":{"k":[true]},"none":[]})");
-  EXPECT_EQ(writeJson(value, {.pretty = true}),
-            "{\n"
-            "  \"name\" : \"x\\/y\",\n"
-            "  \"list\" : [\n"
-            "    1,\n"
-            "    [\n"
-            "\n"
-            "    ],\n"
-            "    {\n"
-            "\n"
-            "    }\n"
-            "  ],\n"
-            "  \"empty\" : {\n"
-            "\n"
-            "  },\n"
-            "  \"nested\" : {\n"
-            "    \"k\" : [\n"
-            "      true\n"
-            "    ]\n"
-            "  },\n"
-            "  \"none\" : [\n"
-            "\n"
-            "  ]\n"
-            "}");
+  EXPECT_EQ(
+      writeJson(*parseJson(R"({"n":"x/y","l":[1,[],{}],"o":{"k":[true]}})"), {.pretty = true}),
+      "{\n"
+      "  \"n\" : \"x\\/y\",\n"
+      "  \"l\" : [\n"
+      "    1,\n"
+      "    [\n\n    ],\n"
+      "    {\n\n    }\n"
+      "  ],\n"
+      "  \"o\" : {\n"
+      "    \"k\" : [\n"
+      "      true\n"
+      "    ]\n"
+      "  }\n"
+      "}");
   EXPECT_EQ(writeJson(Json::array(), {.pretty = true}), "[\n\n]");
   EXPECT_EQ(writeJson(Json::object(), {.pretty = true}), "{\n\n}");
   EXPECT_EQ(writeJson(Json(7), {.pretty = true}), "7");
@@ -152,24 +125,6 @@ TEST(JsonWriterTest, CanonicalFormRoundTrips) {
   }
   // Duplicate keys keep the last value.
   EXPECT_EQ(canonicalJson(*parseJson(R"({"a":1,"a":2})")), R"({"a":2})");
-}
-
-TEST(JsonWriterTest, RealRuleFileSurvivesEveryWriteMode) {
-  const auto path = testing::clearUrlsFixture();
-  if (!path) {
-    GTEST_SKIP() << "rule file fixture not present";
-  }
-  const auto text = testing::readFixture(*path);
-  ASSERT_TRUE(text);
-  const auto rules = parseJson(*text);
-  ASSERT_TRUE(rules);
-  const auto canonical = canonicalJson(*rules);
-  for (const JsonWriteOptions& options : {JsonWriteOptions{}, JsonWriteOptions{.pretty = true},
-                                          JsonWriteOptions{.sortedKeys = true, .pretty = true}}) {
-    const auto reread = parseJson(writeJson(*rules, options));
-    ASSERT_TRUE(reread);
-    EXPECT_EQ(canonicalJson(*reread), canonical);
-  }
 }
 
 TEST(JsonWriterTest, ParseFailuresAreValues) {
