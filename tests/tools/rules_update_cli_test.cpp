@@ -83,31 +83,25 @@ class RulesUpdateCliTest : public ::testing::Test {
 
 TEST_F(RulesUpdateCliTest, InstallReleaseFromALocalTreeAndStatus) {
   auto status = linkwash({"rules", "status"});
-  ASSERT_EQ(status.exitCode, 0) << status.err;
   EXPECT_EQ(status.out, "Rules in use: shipped rules " + shippedVersion_ +
                             "\nChannel: Stable\nAutomatic updates: Never\n"
-                            "Last automatic check: never\nLast install: never\n");
+                            "Last automatic check: never\nLast install: never\n")
+      << status.err;
 
   const fs::path tree = home_.path() / "www" / "linkwash" / "rules";
   signRelease(tree, "2027.01.01.1", "first");
   auto installed = linkwash({"rules", "install-release", tree.string()});
-  ASSERT_EQ(installed.exitCode, 0) << installed.err;
-  EXPECT_TRUE(installed.out.starts_with("Installed rules 2027.01.01.1 at ")) << installed.out;
+  EXPECT_TRUE(installed.out.starts_with("Installed rules 2027.01.01.1 at ")) << installed.err;
   EXPECT_EQ(clean(), "https://a.example/?second=2&k=3\n");
   status = linkwash({"rules", "status"});
-  EXPECT_TRUE(contains(status.out, "Rules in use: 2027.01.01.1 (installed release)\n"))
-      << status.out;
+  EXPECT_TRUE(contains(status.out, "Rules in use: 2027.01.01.1 (installed release)\n"));
   EXPECT_FALSE(contains(status.out, "Last install: never")) << status.out;
 
   // A file changed after signing, or missing, is refused and the installed release stays.
   signRelease(tree, "2027.01.01.2", "second");
   const fs::path clear = tree / "2027.01.01.2" / "data.min.json";
-  const std::string signedBytes = *files::readFile(clear);
-  std::string altered = signedBytes;
-  altered[altered.find("second")] = 'S';
-  write(clear, altered);
+  write(clear, rulesStripping("Second"));
   auto refused = linkwash({"rules", "install-release", tree.string()});
-  EXPECT_EQ(refused.exitCode, 1);
   EXPECT_EQ(refused.err, "Downloaded rules failed integrity check: data.min.json.\n");
   fs::remove(clear);
   refused = linkwash({"rules", "install-release", tree.string()});
@@ -116,16 +110,13 @@ TEST_F(RulesUpdateCliTest, InstallReleaseFromALocalTreeAndStatus) {
   EXPECT_EQ(clean(), "https://a.example/?second=2&k=3\n");
 
   // A channel folder finds its files beside it, in the version folders.
-  write(clear, signedBytes);
   signRelease(tree, "2027.01.02.1", "second", "beta");
   installed = linkwash({"rules", "install-release", (tree / "beta").string()});
   ASSERT_EQ(installed.exitCode, 0) << installed.err;
   EXPECT_EQ(clean(), "https://a.example/?first=1&k=3\n");
-
-  EXPECT_EQ(linkwash({"rules", "auto", "weekly"}).out,
-            "Automatic updates: Weekly\nNext automatic check: due now\n");
-  EXPECT_TRUE(contains(linkwash({"rules", "status"}).out, "Automatic updates: Weekly\n"));
-  EXPECT_NE(linkwash({"rules", "auto", "hourly"}).exitCode, 0);
+  // With the real keys the same store is not trusted, and the shipped rules come back.
+  unsetenv("LINKWASH_RESOURCES");
+  EXPECT_EQ(clean(), "https://a.example/?first=1&second=2&k=3\n");
 }
 
 TEST_F(RulesUpdateCliTest, UpdateChecksAndInstallsFromTheRulesServer) {
@@ -146,12 +137,16 @@ TEST_F(RulesUpdateCliTest, UpdateChecksAndInstallsFromTheRulesServer) {
 
   result = linkwash({"rules", "update"});
   EXPECT_EQ(result.out, "Rules are up to date: 2027.01.01.1\n");
+  EXPECT_EQ(linkwash({"rules", "auto", "weekly"}).out,
+            "Automatic updates: Weekly\nNext automatic check: due now\n");
+  EXPECT_NE(linkwash({"rules", "auto", "hourly"}).exitCode, 0);
 
   server.setRoute("/linkwash/rules/beta/manifest.json", testing::HttpsRoute().withStatus(404));
   result = linkwash({"rules", "update", "--channel", "beta"});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_EQ(result.err, "Could not check for rule updates: HTTP 404\n");
-  EXPECT_TRUE(contains(linkwash({"rules", "status"}).out, "Channel: Beta\n"));
+  const auto status = linkwash({"rules", "status"}).out;
+  EXPECT_TRUE(contains(status, "Channel: Beta\nAutomatic updates: Weekly\n")) << status;
 }
 
 }  // namespace

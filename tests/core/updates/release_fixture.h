@@ -17,6 +17,10 @@ inline std::string providerFile(std::string_view name, std::string_view paramete
          R"(":{"urlPattern":"^https?:\\/\\/","rules":[")" + std::string(parameter) + R"("]}}})";
 }
 
+// The floor the store tests install above, and the releases they install.
+inline constexpr std::string_view kFloor = "2026.01.01.1";
+inline std::string version(int release) { return "2027.01.01." + std::to_string(release); }
+
 struct ReleaseSigner {
   Ed25519SigningKey key = seededKey(42);
   std::string keyId = "test-key";
@@ -27,19 +31,20 @@ struct ReleaseSigner {
   // A manifest that meets every signed-release rule for these files.
   RuleUpdateManifest manifest(const std::string& version, std::string_view clear,
                               std::string_view supplementary) const {
-    using File = RuleUpdateManifest::File;
     const std::string base = SignedRuleFeed::rulesBaseURL(host) + version + "/";
+    auto file = [&](RuleUpdateManifest::File::Kind kind, std::string name, std::string_view bytes) {
+      return RuleUpdateManifest::File{kind, name, base + name, hexLower(sha256(bytes)),
+                                      static_cast<std::int64_t>(bytes.size())};
+    };
     RuleUpdateManifest m;
     m.product = "Linkwash";
     m.kind = "rules";
     m.schemaVersion = 1;
     m.currentVersion = version;
     m.publishedAt = *parseISO8601("2027-01-01T00:00:00Z");
-    m.files = {{File::Kind::clearurls, "data.min.json", base + "data.min.json",
-                hexLower(sha256(clear)), static_cast<std::int64_t>(clear.size())},
-               {File::Kind::linkwashSupplementary, "linkwash-supplementary.json",
-                base + "linkwash-supplementary.json", hexLower(sha256(supplementary)),
-                static_cast<std::int64_t>(supplementary.size())}};
+    m.files = {file(RuleUpdateManifest::File::Kind::clearurls, "data.min.json", clear),
+               file(RuleUpdateManifest::File::Kind::linkwashSupplementary,
+                    "linkwash-supplementary.json", supplementary)};
     m.notes = {"Test release " + version};
     return m;
   }

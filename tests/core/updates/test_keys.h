@@ -16,14 +16,9 @@ namespace linkwash::testing {
 inline std::vector<std::uint8_t> fromHex(std::string_view hex) {
   std::vector<std::uint8_t> bytes;
   for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes.push_back(
-        static_cast<std::uint8_t>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
+    bytes.push_back(static_cast<std::uint8_t>(std::stoi(std::string(hex.substr(i, 2)), 0, 16)));
   }
   return bytes;
-}
-
-inline std::span<const std::uint8_t> toSpan(std::string_view text) {
-  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
 // A fixed key per number, so failures reproduce.
