@@ -73,12 +73,12 @@ TEST(ShippedResourcesTest, NewestSupplementaryFileWins) {
     return out;
   };
   // Newer than the shipped copy: the installed one is used instead of it.
-  std::filesystem::last_write_time(installed, std::filesystem::file_time_type::clock::now() +
-                                                  std::chrono::hours(1));
+  std::filesystem::last_write_time(
+      installed, std::filesystem::file_time_type::clock::now() + std::chrono::hours(1));
   EXPECT_TRUE(names().count("installed-copy"));
   // Older: the shipped supplementary file wins again.
-  std::filesystem::last_write_time(installed, std::filesystem::file_time_type::clock::now() -
-                                                  std::chrono::hours(24));
+  std::filesystem::last_write_time(
+      installed, std::filesystem::file_time_type::clock::now() - std::chrono::hours(24));
   const auto shipped = names();
   EXPECT_FALSE(shipped.count("installed-copy"));
   EXPECT_GT(shipped.size(), 50u);
