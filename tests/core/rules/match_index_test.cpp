@@ -139,16 +139,29 @@ void expectSameAnswers(const RulesEngine& indexed, const RulesEngine& plain,
   }
 }
 
-TEST(IndexedMatchingTest, EqualsPlainMatchingOnRealRulesAndGeneratedLinks) {
-  auto fixture = testing::clearUrlsFixture();
-  if (!fixture) GTEST_SKIP() << "ClearURLs fixture not present";
-  testing::TempHome home;
-  const std::string data = *testing::readFixture(*fixture);
-  auto store = PreferenceStore::open(home.path() / "prefs.sqlite3");
-  RulesEngine indexed(store, MatchStrategy::indexed);
-  RulesEngine plain(store, MatchStrategy::plain);
-  indexed.load(data);
-  plain.load(data);
+// The real rule file loaded twice on one store: through the index and the plain way.
+class IndexedMatchingTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    auto fixture = testing::clearUrlsFixture();
+    if (!fixture) GTEST_SKIP() << "ClearURLs fixture not present";
+    data_ = *testing::readFixture(*fixture);
+    store_ = PreferenceStore::open(home_.path() / "prefs.sqlite3");
+    indexed_ = std::make_unique<RulesEngine>(store_, MatchStrategy::indexed);
+    plain_ = std::make_unique<RulesEngine>(store_, MatchStrategy::plain);
+    indexed_->load(data_);
+    plain_->load(data_);
+  }
+
+  testing::TempHome home_;
+  std::string data_;
+  std::shared_ptr<PreferenceStore> store_;
+  std::unique_ptr<RulesEngine> indexed_, plain_;
+};
+
+TEST_F(IndexedMatchingTest, EqualsPlainMatchingOnRealRulesAndGeneratedLinks) {
+  RulesEngine& indexed = *indexed_;
+  RulesEngine& plain = *plain_;
   indexed.addCustomRule("my_tracker", "mine", RuleCategoryType::custom);
   plain.reloadPersistedState();
   ASSERT_EQ(indexed.compiledProviders().size(), 205u);
@@ -168,16 +181,9 @@ TEST(IndexedMatchingTest, EqualsPlainMatchingOnRealRulesAndGeneratedLinks) {
   }
 }
 
-TEST(IndexedMatchingTest, FollowsSwitchesWithoutRebuilding) {
-  auto fixture = testing::clearUrlsFixture();
-  if (!fixture) GTEST_SKIP() << "ClearURLs fixture not present";
-  testing::TempHome home;
-  const std::string data = *testing::readFixture(*fixture);
-  auto store = PreferenceStore::open(home.path() / "prefs.sqlite3");
-  RulesEngine indexed(store, MatchStrategy::indexed);
-  RulesEngine plain(store, MatchStrategy::plain);
-  indexed.load(data);
-  plain.load(data);
+TEST_F(IndexedMatchingTest, FollowsSwitchesWithoutRebuilding) {
+  RulesEngine& indexed = *indexed_;
+  RulesEngine& plain = *plain_;
   for (RulesEngine* e : {&indexed, &plain}) {
     e->category(RuleCategoryType::ecommerce)->isEnabled = false;
     if (RuleEntry* entry = e->findEntry("Analytics:utm_*")) entry->isEnabled = false;
@@ -187,31 +193,23 @@ TEST(IndexedMatchingTest, FollowsSwitchesWithoutRebuilding) {
   }
 }
 
-TEST(IndexedMatchingTest, WarmCacheGivesTheSameIndex) {
-  auto fixture = testing::clearUrlsFixture();
-  if (!fixture) GTEST_SKIP() << "ClearURLs fixture not present";
-  testing::TempHome home;
-  const std::string data = *testing::readFixture(*fixture);
-  auto store = PreferenceStore::open(home.path() / "prefs.sqlite3");
-  RulesEngine cold(store);
-  cold.load(data);
-  EXPECT_FALSE(cold.indexStats().fromCache);
-  RulesEngine warm(store);
-  warm.load(data);
+TEST_F(IndexedMatchingTest, WarmCacheGivesTheSameIndex) {
+  // SetUp's indexed load was the cold one and filled the cache.
+  EXPECT_FALSE(indexed_->indexStats().fromCache);
+  RulesEngine warm(store_);
+  warm.load(data_);
   EXPECT_TRUE(warm.indexStats().fromCache);
-  RulesEngine plain(store, MatchStrategy::plain);
-  plain.load(data);
-  for (const auto& link : generatedLinks(plain, 300)) expectSameAnswers(warm, plain, link, {});
+  for (const auto& link : generatedLinks(*plain_, 300)) expectSameAnswers(warm, *plain_, link, {});
 
   // A cache file with one flipped byte is refused and rebuilt, never trusted.
-  for (const auto& file : std::filesystem::recursive_directory_iterator(home.path() / "cache")) {
+  for (const auto& file : std::filesystem::recursive_directory_iterator(home_.path() / "cache")) {
     if (!file.is_regular_file()) continue;
     std::string bytes = *testing::readFixture(file.path());
     bytes[bytes.size() - 10] ^= 0x01;
     std::ofstream(file.path(), std::ios::binary | std::ios::trunc) << bytes;
   }
-  RulesEngine tampered(store);
-  tampered.load(data);
+  RulesEngine tampered(store_);
+  tampered.load(data_);
   EXPECT_FALSE(tampered.indexStats().fromCache);
 }
 
