@@ -1,5 +1,7 @@
 #include "core/cleaning/clean_result.h"
 
+#include "platform/json/json_members.h"
+
 namespace linkwash {
 namespace {
 
@@ -12,33 +14,6 @@ Json stringArray(const std::vector<std::string>& items) {
   Json array = Json::array();
   for (const auto& item : items) array.push_back(item);
   return array;
-}
-
-// Absent or null reads as empty; anything but an array of strings fails the decode.
-bool readStrings(const Json& json, const char* key, std::vector<std::string>& out) {
-  auto it = json.find(key);
-  if (it == json.end() || it->is_null()) return true;
-  if (!it->is_array()) return false;
-  for (const auto& item : *it) {
-    if (!item.is_string()) return false;
-    out.push_back(item.get<std::string>());
-  }
-  return true;
-}
-
-bool readOptionalString(const Json& json, const char* key, std::optional<std::string>& out) {
-  auto it = json.find(key);
-  if (it == json.end() || it->is_null()) return true;
-  if (!it->is_string()) return false;
-  out = it->get<std::string>();
-  return true;
-}
-
-bool readString(const Json& json, const char* key, std::string& out) {
-  auto it = json.find(key);
-  if (it == json.end() || !it->is_string()) return false;
-  out = it->get<std::string>();
-  return true;
 }
 
 }  // namespace
@@ -78,22 +53,24 @@ std::optional<CleanOperation> decodeCleanOperation(const Json& json) {
   if (!json.is_object()) return std::nullopt;
   CleanOperation operation;
   std::string kind;
-  if (!readString(json, "kind", kind)) return std::nullopt;
+  if (!readJsonString(json, "kind", kind)) return std::nullopt;
   auto parsed = cleanOperationKindFromRaw(kind);
   if (!parsed) return std::nullopt;
   operation.kind = *parsed;
-  if (!readString(json, "inputURL", operation.inputURL) ||
-      !readString(json, "outputURL", operation.outputURL)) {
+  if (!readJsonString(json, "inputURL", operation.inputURL) ||
+      !readJsonString(json, "outputURL", operation.outputURL)) {
     return std::nullopt;
   }
   auto removed = json.find("removedParameters");
   if (removed == json.end() || !removed->is_array()) return std::nullopt;
-  if (!readStrings(json, "removedParameters", operation.removedParameters)) return std::nullopt;
+  if (!readJsonStrings(json, "removedParameters", operation.removedParameters,
+                       JsonPresence::optional))
+    return std::nullopt;
   auto network = json.find("networkUsed");
   if (network == json.end() || !network->is_boolean()) return std::nullopt;
   operation.networkUsed = network->get<bool>();
-  if (!readOptionalString(json, "contactedHost", operation.contactedHost) ||
-      !readOptionalString(json, "note", operation.note)) {
+  if (!readOptionalJsonString(json, "contactedHost", operation.contactedHost) ||
+      !readOptionalJsonString(json, "note", operation.note)) {
     return std::nullopt;
   }
   return operation;
@@ -123,25 +100,27 @@ Json encodeCleanResult(const CleanResult& result) {
 std::optional<CleanResult> decodeCleanResult(const Json& json) {
   if (!json.is_object()) return std::nullopt;
   CleanResult result;
-  if (!readString(json, "originalURL", result.originalURL) ||
-      !readString(json, "cleanedURL", result.cleanedURL)) {
+  if (!readJsonString(json, "originalURL", result.originalURL) ||
+      !readJsonString(json, "cleanedURL", result.cleanedURL)) {
     return std::nullopt;
   }
   auto count = json.find("paramsRemoved");
   if (count == json.end() || !count->is_number_integer()) return std::nullopt;
   result.paramsRemoved = count->get<std::int64_t>();
-  if (!readStrings(json, "removedQueryParameters", result.removedQueryParameters) ||
-      !readStrings(json, "matchedRuleIDs", result.matchedRuleIDs)) {
+  if (!readJsonStrings(json, "removedQueryParameters", result.removedQueryParameters,
+                       JsonPresence::optional) ||
+      !readJsonStrings(json, "matchedRuleIDs", result.matchedRuleIDs, JsonPresence::optional)) {
     return std::nullopt;
   }
   std::vector<std::string> categories;
-  if (!readStrings(json, "matchedCategories", categories)) return std::nullopt;
+  if (!readJsonStrings(json, "matchedCategories", categories, JsonPresence::optional))
+    return std::nullopt;
   for (const auto& raw : categories) {
     auto type = ruleCategoryTypeFromRaw(raw);
     if (!type) return std::nullopt;
     result.matchedCategories.insert(*type);
   }
-  if (!readOptionalString(json, "cleanedOriginalURL", result.cleanedOriginalURL))
+  if (!readOptionalJsonString(json, "cleanedOriginalURL", result.cleanedOriginalURL))
     return std::nullopt;
   if (auto it = json.find("privacyRedirect"); it != json.end() && !it->is_null()) {
     result.privacyRedirect = decodePrivacyRedirectInfo(*it);

@@ -8,6 +8,8 @@
 #include "platform/fs/files.h"
 #include "platform/fs/paths.h"
 
+#include "platform/json/json_members.h"
+
 namespace linkwash {
 namespace {
 
@@ -48,16 +50,9 @@ std::string shortenedMatch(std::string_view matched) {
   return std::string(text.substr(0, prefixBytes(text, keep))) + std::string(kEllipsis);
 }
 
-bool readString(const Json& object, const char* key, std::string& out) {
-  auto it = object.find(key);
-  if (it == object.end() || !it->is_string()) return false;
-  out = it->get<std::string>();
-  return true;
-}
-
 bool readSeverity(const Json& object, const char* key, CommandRiskSeverity& out) {
   std::string raw;
-  if (!readString(object, key, raw)) return false;
+  if (!readJsonString(object, key, raw)) return false;
   auto severity = commandRiskSeverityFromRaw(raw);
   if (!severity) return false;
   out = *severity;
@@ -67,10 +62,11 @@ bool readSeverity(const Json& object, const char* key, CommandRiskSeverity& out)
 std::optional<CommandGuard::RuleDefinition> decodeRule(const Json& json) {
   if (!json.is_object()) return std::nullopt;
   CommandGuard::RuleDefinition rule;
-  if (!readString(json, "id", rule.id) || !readString(json, "platform", rule.platform) ||
+  if (!readJsonString(json, "id", rule.id) || !readJsonString(json, "platform", rule.platform) ||
       !readSeverity(json, "severity", rule.severity) ||
-      !readString(json, "pattern", rule.pattern) || !readString(json, "summary", rule.summary) ||
-      !readString(json, "explanation", rule.explanation)) {
+      !readJsonString(json, "pattern", rule.pattern) ||
+      !readJsonString(json, "summary", rule.summary) ||
+      !readJsonString(json, "explanation", rule.explanation)) {
     return std::nullopt;
   }
   return rule;
@@ -122,11 +118,12 @@ Json encodeCommandRiskFinding(const CommandRiskFinding& finding) {
 std::optional<CommandRiskFinding> decodeCommandRiskFinding(const Json& json) {
   if (!json.is_object()) return std::nullopt;
   CommandRiskFinding finding;
-  if (!readString(json, "id", finding.id) || !readString(json, "platform", finding.platform) ||
+  if (!readJsonString(json, "id", finding.id) ||
+      !readJsonString(json, "platform", finding.platform) ||
       !readSeverity(json, "severity", finding.severity) ||
-      !readString(json, "summary", finding.summary) ||
-      !readString(json, "explanation", finding.explanation) ||
-      !readString(json, "matchedText", finding.matchedText)) {
+      !readJsonString(json, "summary", finding.summary) ||
+      !readJsonString(json, "explanation", finding.explanation) ||
+      !readJsonString(json, "matchedText", finding.matchedText)) {
     return std::nullopt;
   }
   return finding;
@@ -146,9 +143,9 @@ Json encodeCommandRiskResult(const CommandRiskResult& result) {
 std::optional<CommandRiskResult> decodeCommandRiskResult(const Json& json) {
   if (!json.is_object()) return std::nullopt;
   CommandRiskResult result;
-  if (!readString(json, "command", result.command) ||
+  if (!readJsonString(json, "command", result.command) ||
       !readSeverity(json, "severity", result.severity) ||
-      !readString(json, "rulesVersion", result.rulesVersion)) {
+      !readJsonString(json, "rulesVersion", result.rulesVersion)) {
     return std::nullopt;
   }
   auto findings = json.find("findings");
@@ -246,7 +243,7 @@ std::optional<CommandGuard::RuleBundle> CommandGuard::decodeRuleBundle(std::stri
   auto json = parseJson(data);
   if (!json || !json->is_object()) return std::nullopt;
   RuleBundle bundle;
-  if (!readString(*json, "currentVersion", bundle.currentVersion)) return std::nullopt;
+  if (!readJsonString(*json, "currentVersion", bundle.currentVersion)) return std::nullopt;
   auto rules = json->find("rules");
   if (rules == json->end() || !rules->is_array()) return std::nullopt;
   bundle.rules.reserve(rules->size());

@@ -11,6 +11,8 @@
 #include "platform/regex/regex.h"
 #include "platform/resources/resource_bundle.h"
 
+#include "platform/json/json_members.h"
+
 namespace linkwash {
 namespace {
 
@@ -132,47 +134,22 @@ bool readUnsigned(const Json& object, const char* key, std::uint64_t& out) {
   return true;
 }
 
-bool readString(const Json& object, const char* key, std::string& out) {
-  const auto it = object.find(key);
-  if (it == object.end() || !it->is_string()) return false;
-  out = it->get<std::string>();
-  return true;
-}
-
-// Absent is fine; present must be a string. A null is taken as absent, and the canonical
-// comparison then refuses it because the encoder never writes one.
-bool readOptionalString(const Json& object, const char* key, std::optional<std::string>& out) {
-  const auto it = object.find(key);
-  if (it == object.end() || it->is_null()) return true;
-  if (!it->is_string()) return false;
-  out = it->get<std::string>();
-  return true;
-}
-
-bool readStrings(const Json& object, const char* key, std::vector<std::string>& out) {
-  const auto it = object.find(key);
-  if (it == object.end() || !it->is_array()) return false;
-  for (const auto& item : *it) {
-    if (!item.is_string()) return false;
-    out.push_back(item.get<std::string>());
-  }
-  return true;
-}
-
 std::optional<Service> decodeService(const Json& json) {
   if (!json.is_object()) return std::nullopt;
   Service service;
   const bool ok =
-      readOptionalString(json, "displayName", service.displayName) &&
-      readOptionalString(json, "family", service.family) &&
-      readOptionalString(json, "history", service.history) &&
-      readString(json, "destination", service.destination) && readString(json, "id", service.id) &&
-      readString(json, "operatorURL", service.operatorURL) &&
-      readString(json, "reason", service.reason) &&
+      readOptionalJsonString(json, "displayName", service.displayName) &&
+      readOptionalJsonString(json, "family", service.family) &&
+      readOptionalJsonString(json, "history", service.history) &&
+      readJsonString(json, "destination", service.destination) &&
+      readJsonString(json, "id", service.id) &&
+      readJsonString(json, "operatorURL", service.operatorURL) &&
+      readJsonString(json, "reason", service.reason) &&
       readUnsigned(json, "reviewed", service.reviewed) &&
-      readStrings(json, "shapes", service.shapes) &&
-      readStrings(json, "sourceHosts", service.sourceHosts) &&
-      readString(json, "sourceURL", service.sourceURL) && readString(json, "state", service.state);
+      readJsonStrings(json, "shapes", service.shapes, JsonPresence::required) &&
+      readJsonStrings(json, "sourceHosts", service.sourceHosts, JsonPresence::required) &&
+      readJsonString(json, "sourceURL", service.sourceURL) &&
+      readJsonString(json, "state", service.state);
   if (!ok) return std::nullopt;
   return service;
 }
@@ -210,7 +187,8 @@ std::optional<PrivacyServicesCatalog> PrivacyServicesCatalog::decode(std::string
   if (automaticFailover == json->end() || !automaticFailover->is_boolean()) return std::nullopt;
   catalog.automaticFailover = automaticFailover->get<bool>();
   if (!readUnsigned(*json, "generated", catalog.generated) ||
-      !readString(*json, "kind", catalog.kind) || !readString(*json, "product", catalog.product) ||
+      !readJsonString(*json, "kind", catalog.kind) ||
+      !readJsonString(*json, "product", catalog.product) ||
       !readUnsigned(*json, "schema", catalog.schema) ||
       !readUnsigned(*json, "version", catalog.version)) {
     return std::nullopt;

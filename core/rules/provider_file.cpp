@@ -1,6 +1,7 @@
 #include "core/rules/provider_file.h"
 
 #include "core/base/strings.h"
+#include "platform/json/json_members.h"
 #include "platform/json/json_writer.h"
 
 namespace linkwash {
@@ -20,18 +21,6 @@ bool readBool(const Json& object, const char* key, bool& out) {
   if (it == object.end() || it->is_null()) return true;
   if (!it->is_boolean()) return false;
   out = it->get<bool>();
-  return true;
-}
-
-bool readStrings(const Json& object, const char* key, std::vector<std::string>& out) {
-  const auto it = object.find(key);
-  if (it == object.end() || it->is_null()) return true;
-  if (!it->is_array()) return false;
-  out.reserve(it->size());
-  for (const auto& item : *it) {
-    if (!item.is_string()) return false;
-    out.push_back(item.get<std::string>());
-  }
   return true;
 }
 
@@ -76,10 +65,12 @@ std::optional<std::vector<NamedProvider>> decodeProvidersFile(std::string_view b
     Provider p;
     if (!readString(object, "urlPattern", p.urlPattern) ||
         !readBool(object, "completeProvider", p.completeProvider) ||
-        !readStrings(object, "rules", p.rules) || !readStrings(object, "rawRules", p.rawRules) ||
-        !readStrings(object, "referralMarketing", p.referralMarketing) ||
-        !readStrings(object, "exceptions", p.exceptions) ||
-        !readStrings(object, "redirections", p.redirections) ||
+        !readJsonStrings(object, "rules", p.rules, JsonPresence::optional) ||
+        !readJsonStrings(object, "rawRules", p.rawRules, JsonPresence::optional) ||
+        !readJsonStrings(object, "referralMarketing", p.referralMarketing,
+                         JsonPresence::optional) ||
+        !readJsonStrings(object, "exceptions", p.exceptions, JsonPresence::optional) ||
+        !readJsonStrings(object, "redirections", p.redirections, JsonPresence::optional) ||
         !readBool(object, "forceRedirection", p.forceRedirection)) {
       return std::nullopt;
     }
