@@ -7,7 +7,7 @@
 #include <csignal>
 #include <cstdio>
 
-#include "core/base/diagnostics.h"
+#include "base/diagnostics.h"
 #include "extension/extension_message_handler.h"
 #include "extension/native_messaging.h"
 

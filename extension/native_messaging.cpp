@@ -8,7 +8,7 @@
 #include <cstring>
 #include <exception>
 
-#include "core/base/diagnostics.h"
+#include "base/diagnostics.h"
 
 namespace linkwash {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/url/url_components.h"
 #include "tests/platform/url/url_oracle.h"
 

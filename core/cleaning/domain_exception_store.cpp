@@ -5,7 +5,7 @@
 #include <array>
 #include <utility>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/regex/case_mapping.h"
 #include "platform/url/url_components.h"
 

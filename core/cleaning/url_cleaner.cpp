@@ -4,7 +4,7 @@
 #include <array>
 #include <chrono>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "core/privacy/privacy_catalog_store.h"
 #include "core/privacy/privacy_redirector.h"
 #include "platform/regex/case_mapping.h"

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/fs/files.h"
 #include "platform/fs/paths.h"
 

@@ -10,7 +10,7 @@
 #include <system_error>
 #include <utility>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/crypto/base64.h"
 #include "platform/crypto/sha256.h"
 #include "platform/fs/files.h"

@@ -18,7 +18,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/base/result.h"
+#include "base/result.h"
 #include "core/privacy/privacy_services_catalog.h"
 
 namespace linkwash {

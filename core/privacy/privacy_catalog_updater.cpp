@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "core/updates/signature_verification.h"
+#include "core/signing/signature_verification.h"
 #include "platform/http/http_client.h"
 
 namespace linkwash {

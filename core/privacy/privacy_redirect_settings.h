@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/base/result.h"
+#include "base/result.h"
 #include "core/privacy/privacy_redirect_info.h"
 #include "platform/json/json_writer.h"
 #include "platform/prefs/preference_store.h"

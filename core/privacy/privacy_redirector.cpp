@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/regex/regex.h"
 #include "platform/url/url_components.h"
 

@@ -6,8 +6,8 @@
 #include <set>
 #include <utility>
 
-#include "core/base/strings.h"
-#include "core/updates/signature_verification.h"
+#include "base/strings.h"
+#include "core/signing/signature_verification.h"
 #include "platform/regex/regex.h"
 #include "platform/resources/resource_bundle.h"
 

@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/base/result.h"
+#include "base/result.h"
 #include "platform/json/json_writer.h"
 
 namespace linkwash {

@@ -1,6 +1,6 @@
 #include "core/rules/provider_file.h"
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/json/json_members.h"
 #include "platform/json/json_writer.h"
 

@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <map>
 
-#include "core/base/diagnostics.h"
-#include "core/base/strings.h"
+#include "base/diagnostics.h"
+#include "base/strings.h"
 #include "core/rules/internal/match_index.h"
 #include "core/rules/internal/prefilter_cache.h"
 #include "platform/fs/files.h"

@@ -22,7 +22,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/base/result.h"
+#include "base/result.h"
 #include "core/rules/provider_file.h"
 #include "core/rules/rule_catalog.h"
 #include "platform/prefs/preference_store.h"

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <limits>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/json/json_writer.h"
 #include "platform/url/url_components.h"
 

@@ -5,10 +5,10 @@
 #include <ctime>
 #include <system_error>
 
-#include "core/base/diagnostics.h"
+#include "base/diagnostics.h"
 #include "core/clipboard/command_guard.h"
 #include "core/rules/rules_engine.h"
-#include "core/updates/signature_verification.h"
+#include "core/signing/signature_verification.h"
 #include "platform/crypto/sha256.h"
 #include "platform/fs/files.h"
 #include "platform/fs/paths.h"

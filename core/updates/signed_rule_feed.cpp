@@ -5,9 +5,9 @@
 #include <array>
 #include <system_error>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "core/rules/rules_engine.h"
-#include "core/updates/signature_verification.h"
+#include "core/signing/signature_verification.h"
 #include "platform/crypto/base64.h"
 #include "platform/crypto/sha256.h"
 #include "platform/fs/files.h"

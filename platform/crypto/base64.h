@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 
 namespace linkwash {
 

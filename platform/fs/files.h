@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/base/result.h"
+#include "base/result.h"
 
 namespace linkwash::files {
 

@@ -9,7 +9,7 @@
 
 #include <curl/curl.h>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 
 namespace linkwash {
 

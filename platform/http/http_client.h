@@ -26,7 +26,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/base/result.h"
+#include "base/result.h"
 
 namespace linkwash {
 

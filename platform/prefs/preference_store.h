@@ -19,7 +19,7 @@
 #include <variant>
 #include <vector>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 
 struct sqlite3;
 struct sqlite3_stmt;

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 
 namespace linkwash {
 

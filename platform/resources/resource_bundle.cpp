@@ -8,7 +8,7 @@
 #include <system_error>
 #include <vector>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/fs/files.h"
 
 namespace linkwash {

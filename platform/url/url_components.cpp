@@ -5,7 +5,7 @@
 #include <array>
 #include <limits>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 
 namespace linkwash {
 namespace {

@@ -6,8 +6,8 @@
 
 #include <fstream>
 
+#include "core/signing/signature_verification.h"
 #include "core/updates/rule_update_manifest.h"
-#include "core/updates/signature_verification.h"
 #include "platform/fs/files.h"
 #include "tests/support/test_support.h"
 

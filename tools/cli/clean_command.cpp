@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "core/cleaning/url_cleaner.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/engine_setup.h"

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/prefs/preference_store.h"
 #include "tools/cli/commands.h"
 

@@ -1,6 +1,6 @@
 #include "tools/cli/engine_setup.h"
 
-#include "core/base/diagnostics.h"
+#include "base/diagnostics.h"
 #include "core/updates/signed_rule_feed.h"
 #include "platform/fs/files.h"
 

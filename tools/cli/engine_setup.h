@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "core/base/result.h"
+#include "base/result.h"
 #include "core/rules/rules_engine.h"
 
 namespace linkwash::cli {

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "core/privacy/privacy_catalog_store.h"
 #include "core/privacy/privacy_catalog_updater.h"
 #include "core/privacy/privacy_redirector.h"

@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "core/base/diagnostics.h"
-#include "core/base/strings.h"
+#include "base/diagnostics.h"
+#include "base/strings.h"
 #include "core/rules/rules_engine.h"
 #include "platform/fs/files.h"
 #include "tools/cli/commands.h"

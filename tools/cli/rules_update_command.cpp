@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "core/base/diagnostics.h"
+#include "base/diagnostics.h"
 #include "core/rules/rules_engine.h"
 #include "core/updates/rules_updater.h"
 #include "platform/prefs/preference_store.h"

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "core/cleaning/domain_exception_store.h"
 #include "tools/cli/commands.h"
 

@@ -14,8 +14,8 @@
 
 #include "core/privacy/privacy_catalog_store.h"
 #include "core/privacy/privacy_services_catalog.h"
+#include "core/signing/signature_verification.h"
 #include "core/updates/rule_update_manifest.h"
-#include "core/updates/signature_verification.h"
 #include "platform/crypto/base64.h"
 #include "platform/crypto/ed25519.h"
 #include "platform/fs/files.h"

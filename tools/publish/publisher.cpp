@@ -12,7 +12,7 @@
 #include <system_error>
 
 #include "core/rules/rules_engine.h"
-#include "core/updates/signature_verification.h"
+#include "core/signing/signature_verification.h"
 #include "core/updates/signed_rule_feed.h"
 #include "platform/crypto/base64.h"
 #include "platform/crypto/ed25519.h"

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "core/base/result.h"
+#include "base/result.h"
 #include "core/updates/rule_update_manifest.h"
 #include "platform/crypto/ed25519.h"
 

@@ -5,7 +5,7 @@
 
 #include <hs/hs.h>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/regex/case_mapping.h"
 #include "platform/regex/regex.h"
 

@@ -4,7 +4,7 @@
 
 #include <hs/hs.h>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/crypto/sha256.h"
 #include "platform/fs/files.h"
 #include "platform/fs/paths.h"

@@ -3,7 +3,7 @@
 // inline rule files.
 #include <gtest/gtest.h>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "core/cleaning/url_cleaner.h"
 #include "platform/url/url_components.h"
 #include "tests/support/test_support.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "core/clipboard/command_guard.h"
 #include "tests/support/test_support.h"
 

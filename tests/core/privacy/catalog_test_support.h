@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "core/privacy/privacy_services_catalog.h"
-#include "core/updates/signature_verification.h"
+#include "core/signing/signature_verification.h"
 #include "platform/crypto/base64.h"
 #include "platform/crypto/ed25519.h"
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "core/base/diagnostics.h"
+#include "base/diagnostics.h"
 #include "core/rules/rules_engine.h"
 #include "tests/core/rules/rules_test_support.h"
 

@@ -7,7 +7,7 @@
 #include "core/updates/rule_update_manifest.h"
 #include "core/updates/signed_rule_feed.h"
 #include "platform/crypto/sha256.h"
-#include "tests/core/updates/test_keys.h"
+#include "tests/support/test_keys.h"
 
 namespace linkwash::testing {
 

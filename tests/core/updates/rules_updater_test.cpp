@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "core/rules/rules_engine.h"
+#include "core/signing/signature_verification.h"
 #include "core/updates/rules_updater.h"
-#include "core/updates/signature_verification.h"
 #include "platform/fs/files.h"
 #include "platform/fs/paths.h"
 #include "platform/prefs/preference_store.h"

@@ -9,7 +9,7 @@
 #include <random>
 #include <span>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/url/url_components.h"
 #include "tests/platform/url/url_oracle.h"
 #include "tests/support/test_support.h"

@@ -1,11 +1,11 @@
 // Strict signature checks: our own field arithmetic decides which keys and R values are
 // acceptable points; OpenSSL then does the standard verification.
-#include "core/updates/signature_verification.h"
+#include "core/signing/signature_verification.h"
 
 #include <algorithm>
 #include <array>
 
-#include "core/base/strings.h"
+#include "base/strings.h"
 #include "platform/crypto/base64.h"
 #include "platform/crypto/ed25519.h"
 #include "platform/crypto/sha256.h"

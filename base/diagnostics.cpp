@@ -1,4 +1,4 @@
-#include "core/base/diagnostics.h"
+#include "base/diagnostics.h"
 
 #include <cstdio>
 #include <mutex>

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/updates/signature_verification.h"
+#include "core/signing/signature_verification.h"
 #include "platform/crypto/base64.h"
 #include "platform/crypto/ed25519.h"
 

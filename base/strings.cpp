@@ -1,4 +1,4 @@
-#include "core/base/strings.h"
+#include "base/strings.h"
 
 #include <algorithm>
 

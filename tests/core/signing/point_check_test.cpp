@@ -12,9 +12,9 @@
 #include <openssl/evp.h>
 #include <openssl/provider.h>
 
-#include "core/updates/signature_verification.h"
+#include "core/signing/signature_verification.h"
 #include "platform/crypto/sha256.h"
-#include "tests/core/updates/test_keys.h"
+#include "tests/support/test_keys.h"
 
 namespace linkwash {
 namespace {

@@ -1,10 +1,10 @@
 // The strict key-file parser, envelope canonical form, scalar rule and the two signed messages.
-#include "core/updates/signature_verification.h"
+#include "core/signing/signature_verification.h"
 
 #include <gtest/gtest.h>
 
 #include "platform/crypto/sha256.h"
-#include "tests/core/updates/test_keys.h"
+#include "tests/support/test_keys.h"
 
 namespace linkwash {
 namespace {
