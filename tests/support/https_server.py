@@ -1,25 +1,10 @@
 #!/usr/bin/env python3
-"""A small static HTTPS server for the test suite (standard library only).
+"""A small static HTTPS server for the test suite (standard library only); see
+https_test_server.h for the routes it answers and the request log it keeps.
 
-Serves --root over TLS on 127.0.0.1 at a port the system picks, and prints that port as the first
-line of standard output. It loads the certificate once a first line arrives on standard input,
-and exits as soon as its standard input closes, so a test that crashes never leaves it behind.
-
-Optional --routes names a JSON file, read again on every request, mapping a path ("/a/b", or
-"/a/b?x=1" to match one query exactly) to an answer:
-  status           HTTP status (default 200, or 302 with redirect_to)
-  headers          {"Name": "value", ...} added to the answer
-  body             the body as text
-  body_file        the body read from this file (relative to --root unless absolute)
-  redirect_to      sent as the Location header
-  declared_length  the Content-Length to announce; larger than the body sends a short body
-  omit_length      true: announce no length and end the body by closing the connection
-  delay_ms         wait this long before answering
-A path with no route is served from --root: ETag and Last-Modified are sent, and a matching
-If-None-Match (or, without one, an If-Modified-Since not older than the file) answers 304.
-
-Optional --log names a file that gets one JSON line per request, written before the answer:
-{"method", "path", "if_none_match", "if_modified_since", "headers": [[lower-case name, value]...]}.
+Serves --root over TLS on 127.0.0.1 at a port the system picks, printed as the first line of
+standard output once a first line arrives on standard input (the certificate is ready then). It
+exits as soon as its standard input closes, so a test that crashes never leaves it behind.
 """
 
 import argparse
@@ -37,25 +22,16 @@ import time
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
 
-    def version_string(self):
-        return "LinkwashTestServer/1"
-
     def log_message(self, format, *args):  # noqa: A002 - the base class's name
         pass
 
     def do_GET(self):
-        self.answer(send_body=True)
-
-    def do_HEAD(self):
-        self.answer(send_body=False)
-
-    def answer(self, send_body):
         self.record()
         route = self.find_route()
         if route is not None:
-            self.answer_route(route, send_body)
+            self.answer_route(route)
         else:
-            self.answer_file(send_body)
+            self.answer_file()
 
     def record(self):
         if not self.server.log_path:
@@ -63,8 +39,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
         entry = {
             "method": self.command,
             "path": self.path,
-            "if_none_match": self.headers.get("If-None-Match"),
-            "if_modified_since": self.headers.get("If-Modified-Since"),
             "headers": [[name.lower(), value] for name, value in self.headers.items()],
         }
         with self.server.log_lock, open(self.server.log_path, "a", encoding="utf-8") as log:
@@ -89,16 +63,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return None
         return path
 
-    def answer_route(self, route, send_body):
+    def answer_route(self, route):
         delay = route.get("delay_ms", 0)
         if delay:
             time.sleep(delay / 1000.0)
         body = route.get("body", "").encode("utf-8")
-        if "body_file" in route:
-            name = route["body_file"]
-            path = name if os.path.isabs(name) else self.resolve(name)
-            with open(path, "rb") as f:
-                body = f.read()
         status = route.get("status", 302 if "redirect_to" in route else 200)
         self.send_response(status)
         if "redirect_to" in route:
@@ -114,10 +83,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
             if length != len(body):
                 self.close_connection = True
         self.end_headers()
-        if send_body and status != 304 and status != 204:
+        if status != 304 and status != 204:
             self.wfile.write(body)
 
-    def answer_file(self, send_body):
+    def answer_file(self):
         path = self.resolve(self.path.split("?", 1)[0])
         if path is None or not os.path.isfile(path):
             self.send_response(404)
@@ -144,8 +113,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.send_header("Content-Type", "application/octet-stream")
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
-        if send_body:
-            self.wfile.write(body)
+        self.wfile.write(body)
 
 
 class Server(http.server.ThreadingHTTPServer):

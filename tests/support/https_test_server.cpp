@@ -1,13 +1,13 @@
 // Runs tests/support/https_server.py behind a certificate from a CA made for this one server.
 #include "tests/support/https_test_server.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <system_error>
 
 #include <fcntl.h>
@@ -29,43 +29,10 @@ namespace {
 
 constexpr std::string_view kTestAddress = "127.0.0.1";
 
-std::optional<std::filesystem::path> findProgram(const std::string& name,
-                                                 const std::filesystem::path& preferred) {
-  if (::access(preferred.c_str(), X_OK) == 0) return preferred;
-  const char* path = std::getenv("PATH");
-  if (path == nullptr) return std::nullopt;
-  std::stringstream dirs(path);
-  std::string dir;
-  while (std::getline(dirs, dir, ':')) {
-    if (dir.empty()) continue;
-    auto candidate = std::filesystem::path(dir) / name;
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return std::nullopt;
-}
-
 bool writeFile(const std::filesystem::path& path, std::string_view content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(content.data(), static_cast<std::streamsize>(content.size()));
   return static_cast<bool>(out);
-}
-
-// Host names go into certificates and resolve lists unquoted, so only plain DNS names pass.
-bool isPlainHostName(std::string_view host) {
-  if (host.empty()) return false;
-  for (char c : host) {
-    const bool allowed = (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.';
-    if (!allowed) return false;
-  }
-  return true;
-}
-
-void setOrClear(const char* name, const std::optional<std::string>& value) {
-  if (value) {
-    ::setenv(name, value->c_str(), 1);
-  } else {
-    ::unsetenv(name);
-  }
 }
 
 // Reads one line from `fd`, waiting at most `limit`; nothing on time-out or end of file.
@@ -99,16 +66,6 @@ std::optional<std::string> HttpsLoggedRequest::header(std::string_view lowercase
 }
 
 HttpsTestServer::HttpsTestServer(std::vector<std::string> hosts) : hosts_(std::move(hosts)) {
-  for (const auto& host : hosts_) {
-    if (!isPlainHostName(host)) {
-      error_ = "not a plain lower-case host name: " + host;
-      return;
-    }
-  }
-  if (hosts_.empty()) {
-    error_ = "no host names given";
-    return;
-  }
   std::random_device random;
   const auto base = std::filesystem::temp_directory_path();
   do {
@@ -136,19 +93,17 @@ HttpsTestServer::HttpsTestServer(std::vector<std::string> hosts) : hosts_(std::m
     resolve += host + ":443:" + std::string(kTestAddress) + ":" + port;
     resolve += "," + host + ":" + port + ":" + std::string(kTestAddress);
   }
-  for (const char* name : {"LINKWASH_CA_FILE", "LINKWASH_RESOLVE", "NO_PROXY", "no_proxy"}) {
-    const char* old = std::getenv(name);
-    savedEnvironment_.emplace_back(name,
-                                   old != nullptr ? std::optional<std::string>(old) : std::nullopt);
+  for (const auto& [name, value] :
+       {std::pair<const char*, std::string>{"LINKWASH_CA_FILE", caFile_},
+        {"LINKWASH_RESOLVE", resolve},
+        {"NO_PROXY", "*"},
+        {"no_proxy", "*"}}) {
+    environment_.push_back(std::make_unique<ScopedEnvironment>(name, value));
   }
-  ::setenv("LINKWASH_CA_FILE", caFile_.c_str(), 1);
-  ::setenv("LINKWASH_RESOLVE", resolve.c_str(), 1);
-  ::setenv("NO_PROXY", "*", 1);
-  ::setenv("no_proxy", "*", 1);
 }
 
 HttpsTestServer::~HttpsTestServer() {
-  for (const auto& [name, value] : savedEnvironment_) setOrClear(name.c_str(), value);
+  environment_.clear();
   if (stdoutFd_ >= 0) ::close(stdoutFd_);
   if (stdinFd_ >= 0) ::close(stdinFd_);  // the server exits when its input closes
   if (pid_ > 0) {
@@ -167,12 +122,21 @@ HttpsTestServer::~HttpsTestServer() {
   if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
 }
 
-bool HttpsTestServer::makeCertificates() {
-  const auto openssl = findProgram("openssl", "/usr/bin/openssl");
-  if (!openssl) {
-    error_ = "the openssl command was not found";
-    return false;
+// Runs one command, given as words separated by single blanks (the temporary paths have none).
+bool HttpsTestServer::run(const std::string& commandLine) {
+  std::vector<std::string> words;
+  for (std::size_t start = 0, blank; start <= commandLine.size(); start = blank + 1) {
+    blank = std::min(commandLine.find(' ', start), commandLine.size());
+    words.push_back(commandLine.substr(start, blank - start));
   }
+  const std::string program = words.front();
+  words.erase(words.begin());
+  const auto result = runProgram(program, words, dir_ / "scratch");
+  if (result.exitCode != 0) error_ = commandLine + " failed: " + result.err;
+  return result.exitCode == 0;
+}
+
+bool HttpsTestServer::makeCertificates() {
   std::string altNames;
   for (const auto& host : hosts_) altNames += (altNames.empty() ? "DNS:" : ",DNS:") + host;
   const bool written =
@@ -183,8 +147,7 @@ bool HttpsTestServer::makeCertificates() {
                 "keyUsage = critical, keyCertSign, cRLSign\nsubjectKeyIdentifier = hash\n") &&
       writeFile(dir_ / "server.cnf",
                 "[req]\ndistinguished_name = dn\nprompt = no\n[dn]\nCN = " + hosts_.front() +
-                    "\n"
-                    "[v3_server]\nbasicConstraints = critical, CA:FALSE\n"
+                    "\n[v3_server]\nbasicConstraints = critical, CA:FALSE\n"
                     "keyUsage = critical, digitalSignature\nextendedKeyUsage = serverAuth\n"
                     "subjectKeyIdentifier = hash\nauthorityKeyIdentifier = keyid\n"
                     "subjectAltName = " +
@@ -193,55 +156,20 @@ bool HttpsTestServer::makeCertificates() {
     error_ = "cannot write the certificate settings";
     return false;
   }
+  const std::string dir = dir_.string() + "/";
+  const std::string key = " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2";
   std::random_device random;
-  const std::string serial = std::to_string(random() & 0x7fffffff);
-  const std::string key = "ec";
-  const std::string curve = "ec_paramgen_curve:prime256v1";
-  const std::vector<std::vector<std::string>> steps = {
-      {"req", "-x509", "-config", (dir_ / "ca.cnf").string(), "-newkey", key, "-pkeyopt", curve,
-       "-nodes", "-keyout", (dir_ / "ca.key").string(), "-out", caFile_.string(), "-days", "2"},
-      // OpenSSL 3 signs a new request directly with -CA: key, request and certificate at once.
-      {"req",
-       "-x509",
-       "-new",
-       "-config",
-       (dir_ / "server.cnf").string(),
-       "-extensions",
-       "v3_server",
-       "-newkey",
-       key,
-       "-pkeyopt",
-       curve,
-       "-nodes",
-       "-keyout",
-       (dir_ / "server.key").string(),
-       "-CA",
-       caFile_.string(),
-       "-CAkey",
-       (dir_ / "ca.key").string(),
-       "-set_serial",
-       serial,
-       "-days",
-       "2",
-       "-out",
-       (dir_ / "server.pem").string()},
-  };
-  for (const auto& step : steps) {
-    const auto run = runProgram(*openssl, step, dir_ / "scratch");
-    if (run.exitCode != 0) {
-      error_ = "openssl " + step.front() + " failed: " + run.err;
-      return false;
-    }
-  }
-  return true;
+  // OpenSSL 3 signs a new request directly with -CA: key, request and certificate at once.
+  return run("/usr/bin/openssl req -x509 -config " + dir + "ca.cnf" + key + " -keyout " + dir +
+             "ca.key -out " + caFile_.string()) &&
+         run("/usr/bin/openssl req -x509 -new -config " + dir + "server.cnf -extensions v3_server" +
+             key + " -keyout " + dir + "server.key -CA " + caFile_.string() + " -CAkey " + dir +
+             "ca.key -set_serial " + std::to_string(random() & 0x7fffffff) + " -out " + dir +
+             "server.pem");
 }
 
 bool HttpsTestServer::startServer() {
-  const auto python = findProgram("python3", "/usr/bin/python3");
-  if (!python) {
-    error_ = "python3 was not found";
-    return false;
-  }
+  const std::filesystem::path python = "/usr/bin/python3";
   const auto script = sourceDir() / "tests" / "support" / "https_server.py";
   // Close-on-exec on our ends, so programs a test starts later never hold the server open.
   // Its input is a socket rather than a pipe so that telling a dead server to go cannot raise
@@ -258,21 +186,22 @@ bool HttpsTestServer::startServer() {
     error_ = "pipe failed";
     return false;
   }
-  std::vector<std::string> args = {python->string(),
+  const std::string dir = dir_.string() + "/";
+  std::vector<std::string> args = {python,
                                    "-u",
                                    "-I",
                                    "-S",
-                                   script.string(),
+                                   script,
                                    "--root",
-                                   root_.string(),
+                                   root_,
                                    "--cert",
-                                   (dir_ / "server.pem").string(),
+                                   dir + "server.pem",
                                    "--key",
-                                   (dir_ / "server.key").string(),
+                                   dir + "server.key",
                                    "--routes",
-                                   (dir_ / "routes.json").string(),
+                                   dir + "routes.json",
                                    "--log",
-                                   (dir_ / "requests.log").string()};
+                                   dir + "requests.log"};
   std::vector<char*> argv;
   for (auto& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
@@ -284,14 +213,14 @@ bool HttpsTestServer::startServer() {
   posix_spawn_file_actions_addopen(&actions, 2, errorLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                    0600);
   pid_t pid = -1;
-  const int spawned = ::posix_spawn(&pid, python->c_str(), &actions, nullptr, argv.data(), environ);
+  const int spawned = ::posix_spawn(&pid, python.c_str(), &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   ::close(input[0]);
   ::close(output[1]);
   if (spawned != 0) {
     ::close(input[1]);
     ::close(output[0]);
-    error_ = "cannot start " + python->string();
+    error_ = "cannot start " + python.string();
     return false;
   }
   pid_ = pid;
@@ -328,11 +257,6 @@ std::string HttpsTestServer::url(std::string_view host, std::string_view path) c
   return "https://" + std::string(host) + std::string(path);
 }
 
-std::string HttpsTestServer::urlWithPort(std::string_view host, std::string_view path) const {
-  requireHost(host);
-  return "https://" + std::string(host) + ":" + std::to_string(port_) + std::string(path);
-}
-
 bool HttpsTestServer::putFile(std::string_view path, std::string_view content) const {
   auto relative = std::filesystem::path(std::string(path)).relative_path();
   const auto target = root_ / relative;
@@ -361,7 +285,6 @@ void HttpsTestServer::writeRoutes() {
     auto headers = nlohmann::json::object();
     for (const auto& [name, value] : route.headers) headers[name] = value;
     entry["headers"] = headers;
-    if (route.bodyFile) entry["body_file"] = route.bodyFile->string();
     if (route.redirectTo) entry["redirect_to"] = *route.redirectTo;
     if (route.declaredLength) entry["declared_length"] = *route.declaredLength;
     if (route.omitLength) entry["omit_length"] = true;
@@ -395,11 +318,7 @@ std::vector<HttpsLoggedRequest> HttpsTestServer::requests() const {
 }
 
 void HttpsTestServer::trustCa(bool trusted) const {
-  if (trusted) {
-    ::setenv("LINKWASH_CA_FILE", caFile_.c_str(), 1);
-  } else {
-    ::unsetenv("LINKWASH_CA_FILE");
-  }
+  trusted ? ::setenv("LINKWASH_CA_FILE", caFile_.c_str(), 1) : ::unsetenv("LINKWASH_CA_FILE");
 }
 
 }  // namespace linkwash::testing

@@ -31,11 +31,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "tests/support/test_support.h"
 
 namespace linkwash::testing {
 
@@ -44,8 +47,7 @@ struct HttpsRoute {
   int status = 200;  // 302 is sent instead when only redirectTo is given and status stays 200
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
-  std::optional<std::filesystem::path> bodyFile;  // replaces `body`; relative to root()
-  std::optional<std::string> redirectTo;          // sent as Location
+  std::optional<std::string> redirectTo;  // sent as Location
   // The Content-Length announced; more than the body makes a truncated download.
   std::optional<std::size_t> declaredLength;
   bool omitLength = false;  // no Content-Length; the body ends when the connection closes
@@ -62,10 +64,6 @@ struct HttpsRoute {
   }
   HttpsRoute& withBody(std::string value) {
     body = std::move(value);
-    return *this;
-  }
-  HttpsRoute& withBodyFile(std::filesystem::path value) {
-    bodyFile = std::move(value);
     return *this;
   }
   HttpsRoute& withRedirect(std::string value) {
@@ -110,8 +108,6 @@ class HttpsTestServer {
   // "https://" + host + path (path starts with "/"). Aborts on a host the server was not made
   // for, because such a URL would be looked up on the real network.
   std::string url(std::string_view host, std::string_view path) const;
-  // The same with the server's real port written in the URL.
-  std::string urlWithPort(std::string_view host, std::string_view path) const;
 
   // The folder served; files put there are visible at once.
   const std::filesystem::path& root() const { return root_; }
@@ -124,8 +120,6 @@ class HttpsTestServer {
   // Every request received so far, oldest first.
   std::vector<HttpsLoggedRequest> requests() const;
 
-  // The throw-away CA certificate (PEM).
-  const std::filesystem::path& caFile() const { return caFile_; }
   // Sets or clears LINKWASH_CA_FILE, to check that the server is refused without the CA.
   void trustCa(bool trusted) const;
 
@@ -135,6 +129,7 @@ class HttpsTestServer {
   bool waitForPort();
   void writeRoutes();
   void requireHost(std::string_view host) const;
+  bool run(const std::string& commandLine);
 
   std::vector<std::string> hosts_;
   std::filesystem::path dir_;
@@ -146,7 +141,7 @@ class HttpsTestServer {
   int pid_ = -1;
   int stdinFd_ = -1;
   int stdoutFd_ = -1;
-  std::vector<std::pair<std::string, std::optional<std::string>>> savedEnvironment_;
+  std::vector<std::unique_ptr<ScopedEnvironment>> environment_;
 };
 
 }  // namespace linkwash::testing

@@ -8,6 +8,16 @@
 
 namespace linkwash::testing {
 
+ScopedEnvironment::ScopedEnvironment(const char* name, const std::optional<std::string>& value)
+    : name_(name) {
+  if (const char* before = std::getenv(name)) previous_ = before;
+  value ? setenv(name, value->c_str(), 1) : unsetenv(name);
+}
+
+ScopedEnvironment::~ScopedEnvironment() {
+  previous_ ? setenv(name_, previous_->c_str(), 1) : unsetenv(name_);
+}
+
 TempHome::TempHome() {
   std::random_device rd;
   const auto base = std::filesystem::temp_directory_path();
@@ -15,16 +25,11 @@ TempHome::TempHome() {
     path_ = base / ("linkwash-test-" + std::to_string(rd()) + std::to_string(rd()));
   } while (std::filesystem::exists(path_));
   std::filesystem::create_directories(path_);
-  if (const char* old = std::getenv("LINKWASH_HOME")) previous_ = old;
-  setenv("LINKWASH_HOME", path_.c_str(), 1);
+  home_.emplace("LINKWASH_HOME", path_.string());
 }
 
 TempHome::~TempHome() {
-  if (previous_) {
-    setenv("LINKWASH_HOME", previous_->c_str(), 1);
-  } else {
-    unsetenv("LINKWASH_HOME");
-  }
+  home_.reset();
   std::error_code ec;
   std::filesystem::remove_all(path_, ec);
 }
@@ -51,6 +56,20 @@ std::optional<std::string> readFixture(const std::filesystem::path& path) {
   std::ostringstream out;
   out << in.rdbuf();
   return out.str();
+}
+
+std::vector<std::vector<std::string>> fixtureTable(const std::string& name) {
+  std::vector<std::vector<std::string>> rows;
+  std::istringstream in(readFixture(sourceDir() / "tests" / "fixtures" / name).value_or(""));
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    std::vector<std::string>& row = rows.emplace_back();
+    std::size_t start = 0;
+    for (std::size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1)
+      row.push_back(line.substr(start, tab - start));
+    row.push_back(line.substr(start));
+  }
+  return rows;
 }
 
 std::filesystem::path binDir() {

@@ -8,6 +8,19 @@
 
 namespace linkwash::testing {
 
+// Sets (or, given nothing, unsets) an environment variable for the object's lifetime.
+class ScopedEnvironment {
+ public:
+  ScopedEnvironment(const char* name, const std::optional<std::string>& value);
+  ~ScopedEnvironment();
+  ScopedEnvironment(const ScopedEnvironment&) = delete;
+  ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> previous_;
+};
+
 // Points LINKWASH_HOME at a fresh temporary folder for the object's lifetime, so a test never
 // touches real preferences or data; removes the folder afterwards.
 class TempHome {
@@ -20,7 +33,7 @@ class TempHome {
 
  private:
   std::filesystem::path path_;
-  std::optional<std::string> previous_;
+  std::optional<ScopedEnvironment> home_;
 };
 
 std::filesystem::path sourceDir();
@@ -29,6 +42,9 @@ std::filesystem::path sharedDir();
 // The real ClearURLs rule file; nothing when it is absent (tests then skip).
 std::optional<std::filesystem::path> clearUrlsFixture();
 std::optional<std::string> readFixture(const std::filesystem::path& path);
+// The rows of tests/fixtures/<name>: tab-separated cells, skipping blank lines and lines that
+// start with '#'. Empty when the file is missing, which the caller's size check then reports.
+std::vector<std::vector<std::string>> fixtureTable(const std::string& name);
 // Where the build put its executables (bin/).
 std::filesystem::path binDir();
 

@@ -14,6 +14,7 @@
 #include "platform/resources/resource_bundle.h"
 #include "tests/core/privacy/catalog_test_support.h"
 #include "tests/support/https_test_server.h"
+#include "tests/support/test_support.h"
 
 namespace linkwash::testing {
 
@@ -79,27 +80,5 @@ inline std::optional<std::filesystem::path> bundleTrustingTestKey(
       << mergedKeyFile(shipped, catalogKeyFile());
   return copy;
 }
-
-// Sets an environment variable for the object's lifetime.
-class ScopedEnvironment {
- public:
-  ScopedEnvironment(const char* name, const std::string& value) : name_(name) {
-    if (const char* before = std::getenv(name)) previous_ = before;
-    setenv(name, value.c_str(), 1);
-  }
-  ~ScopedEnvironment() {
-    if (previous_) {
-      setenv(name_, previous_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-  ScopedEnvironment(const ScopedEnvironment&) = delete;
-  ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
-
- private:
-  const char* name_;
-  std::optional<std::string> previous_;
-};
 
 }  // namespace linkwash::testing
