@@ -32,63 +32,38 @@ TEST_F(PrivacyRedirectSettingsStoreTest, EmptyStoreReadsAsDisabled) {
 }
 
 TEST_F(PrivacyRedirectSettingsStoreTest, StoredChoiceWinsOverLegacyBooleans) {
-  struct Case {
+  using Entries = std::vector<std::pair<std::string_view, PreferenceValue>>;
+  const std::string_view nitterKey = Settings::kNitterEnabledKey;
+  const std::string_view viewerKey = Settings::kTwitterViewerEnabledKey;
+  const std::string_view choiceKey = Settings::kXRedirectChoiceKey;
+  using enum XRedirectChoice;
+  const struct {
     const char* name;
-    std::vector<std::pair<std::string_view, PreferenceValue>> defaults;
-    std::vector<std::pair<std::string_view, PreferenceValue>> group;
+    Entries defaults, group;
     XRedirectChoice expected;
-  };
-  const auto choice = [](const char* raw) {
-    return std::pair<std::string_view, PreferenceValue>{Settings::kXRedirectChoiceKey,
-                                                        std::string(raw)};
-  };
-  const auto flag = [](std::string_view key, PreferenceValue value) {
-    return std::pair<std::string_view, PreferenceValue>{key, std::move(value)};
-  };
-  const std::vector<Case> cases = {
-      {"legacy nitter in the group store",
-       {},
-       {flag(Settings::kNitterEnabledKey, true)},
-       XRedirectChoice::nitter},
-      {"legacy nitter in the wrong store",
-       {flag(Settings::kNitterEnabledKey, true)},
-       {},
-       XRedirectChoice::off},
-      {"legacy viewer",
-       {flag(Settings::kTwitterViewerEnabledKey, true)},
-       {},
-       XRedirectChoice::twitterViewer},
-      {"legacy viewer in the wrong store",
-       {},
-       {flag(Settings::kTwitterViewerEnabledKey, true)},
-       XRedirectChoice::off},
-      {"both legacy",
-       {flag(Settings::kTwitterViewerEnabledKey, true)},
-       {flag(Settings::kNitterEnabledKey, true)},
-       XRedirectChoice::nitter},
-      {"legacy as text",
-       {flag(Settings::kTwitterViewerEnabledKey, std::string("YES"))},
-       {},
-       XRedirectChoice::twitterViewer},
-      {"retired flag ignored",
-       {flag(Settings::kXRedirectEnabledKey, true)},
-       {},
-       XRedirectChoice::off},
+  } cases[] = {
+      {"legacy nitter in the group store", {}, {{nitterKey, true}}, nitter},
+      {"legacy nitter in the wrong store", {{nitterKey, true}}, {}, off},
+      {"legacy viewer", {{viewerKey, true}}, {}, twitterViewer},
+      {"legacy viewer in the wrong store", {}, {{viewerKey, true}}, off},
+      {"both legacy", {{viewerKey, true}}, {{nitterKey, true}}, nitter},
+      {"legacy as text", {{viewerKey, std::string("YES")}}, {}, twitterViewer},
+      {"retired flag ignored", {{Settings::kXRedirectEnabledKey, true}}, {}, off},
       {"stored off wins",
-       {choice("off"), flag(Settings::kTwitterViewerEnabledKey, true)},
-       {flag(Settings::kNitterEnabledKey, true)},
-       XRedirectChoice::off},
+       {{choiceKey, std::string("off")}, {viewerKey, true}},
+       {{nitterKey, true}},
+       off},
       {"stored viewer wins",
-       {choice("twitterViewer")},
-       {flag(Settings::kNitterEnabledKey, true)},
-       XRedirectChoice::twitterViewer},
+       {{choiceKey, std::string("twitterViewer")}},
+       {{nitterKey, true}},
+       twitterViewer},
       {"wrong case is unknown",
-       {choice("Nitter"), flag(Settings::kTwitterViewerEnabledKey, true)},
+       {{choiceKey, std::string("Nitter")}, {viewerKey, true}},
        {},
-       XRedirectChoice::twitterViewer},
-      {"choice in the group store is not read", {}, {choice("nitter")}, XRedirectChoice::off},
+       twitterViewer},
+      {"choice in the group store is not read", {}, {{choiceKey, std::string("nitter")}}, off},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     for (const auto& [key, value] : c.defaults) ASSERT_TRUE(defaults_->set(key, value));
     for (const auto& [key, value] : c.group) ASSERT_TRUE(group_->set(key, value));

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/core/privacy/catalog_test_support.h"
+#include "tests/support/test_support.h"
 
 namespace linkwash {
 namespace {
@@ -61,95 +62,60 @@ std::optional<std::string> redirected(const PrivacyRedirector& redirector, std::
   return result->redirectedURL;
 }
 
-TEST(PrivacyRedirectorTest, TwitterViewerTakesProfilesAndStatusesFromEveryXHost) {
+// Which links move where, from tests/fixtures/privacy_redirects.tsv.
+TEST(PrivacyRedirectorTest, RedirectsOnlyLinksItCanProveAlone) {
+  const PrivacyRedirector redirector(instances(), kGenerated);
+  const auto rows = testing::fixtureTable("privacy_redirects.tsv");
+  ASSERT_GT(rows.size(), 40u);
+  for (const auto& row : rows) {
+    const std::string& how = row[0];
+    std::vector<Settings> settings;
+    if (how == "viewer" || how == "any-x")
+      settings.push_back(withChoice(XRedirectChoice::twitterViewer));
+    if (how == "auto" || how == "any-x")
+      settings.push_back(withChoice(XRedirectChoice::nitter, "gamma", true));
+    if (how.starts_with("nitter "))
+      settings.push_back(withChoice(XRedirectChoice::nitter, how.substr(7)));
+    if (how == "any-x") settings.push_back(withChoice(XRedirectChoice::nitter, "alpha"));
+    if (how.starts_with("reddit ")) settings.push_back(redditSettings(how.substr(7)));
+    ASSERT_FALSE(settings.empty()) << how;
+    const std::optional<std::string> expected =
+        row[2] == "-" ? std::nullopt : std::optional<std::string>(row[2]);
+    for (const auto& each : settings)
+      EXPECT_EQ(redirected(redirector, row[1], each), expected) << how << " " << row[1];
+  }
+}
+
+TEST(PrivacyRedirectorTest, ReportsWhereALinkCameFromAndWent) {
   const PrivacyRedirector redirector(nullptr, kGenerated);
-  const Settings settings = withChoice(XRedirectChoice::twitterViewer);
   for (const auto host : kXTwitterHosts) {
     const std::string url = "https://" + std::string(host) + "/jack?s=20#top";
-    const auto result = redirector.redirect(url, settings);
+    const auto result = redirector.redirect(url, withChoice(XRedirectChoice::twitterViewer));
     ASSERT_TRUE(result) << host;
     EXPECT_EQ(result->redirectedURL, "https://twitterviewer.net/jack?s=20#top");
     EXPECT_EQ(result->originalURL, url);
     EXPECT_EQ(result->info(), (PrivacyRedirectInfo{PrivacyRedirectService::xTwitter,
                                                    std::string(host), "twitterviewer.net"}));
   }
-  EXPECT_EQ(redirected(redirector, "https://X.com/Jack_Dorsey01/status/20", settings),
-            "https://twitterviewer.net/Jack_Dorsey01/status/20");
-  EXPECT_EQ(
-      redirected(redirector, "https://x.com/abcdefghijklmno/status/12345678901234567890", settings),
-      "https://twitterviewer.net/abcdefghijklmno/status/12345678901234567890");
+  const auto reddit =
+      redirector.redirect("https://old.reddit.com/r/x", redditSettings("https://safereddit.com"));
+  ASSERT_TRUE(reddit);
+  EXPECT_EQ(reddit->info(), (PrivacyRedirectInfo{PrivacyRedirectService::reddit, "old.reddit.com",
+                                                 "safereddit.com"}));
+  Settings off = redditSettings("https://safereddit.com");
+  off.redditRedirectEnabled = false;
+  EXPECT_FALSE(redirector.redirect("https://www.reddit.com/r/x", off));
 }
 
-TEST(PrivacyRedirectorTest, LeavesXLinksItCannotProveAlone) {
-  const PrivacyRedirector redirector(instances(), kGenerated);
-  const std::vector<Settings> choices = {withChoice(XRedirectChoice::twitterViewer),
-                                         withChoice(XRedirectChoice::nitter, "alpha"),
-                                         withChoice(XRedirectChoice::nitter, "", true)};
-  const std::vector<const char*> urls = {
-      "http://x.com/jack",
-      "https://x.com:443/jack",
-      "https://x.com:/jack",
-      "https://u@x.com/jack",
-      "https://u:p@x.com/jack",
-      "https://x.com/jack?next=a\\b",
-      "https://x%2Ecom/jack",
-      "https://x.com",
-      "https://x.com/?q=1",
-      "https://x.com/home",
-      "https://x.com/Home",
-      "https://x.com/explore",
-      "https://x.com/jack/",
-      "https://x.com//jack",
-      "https://x.com/%6Aack",
-      "https://x.com/jack/likes",
-      "https://x.com/jack/status/123/photo/1",
-      "https://x.com/abcdefghijklmnop",
-      "https://x.com/jack/status/123456789012345678901",
-      "https://x.com/search/status/1",
-      "https://x.com/jäck",
-  };
-  for (const auto& settings : choices) {
-    for (const char* url : urls) {
-      EXPECT_FALSE(redirector.redirect(url, settings))
-          << url << " with " << rawValue(settings.xRedirectChoice);
-    }
-  }
-  // With X/Twitter redirects off, nothing happens even when Reddit redirects are on.
-  Settings reddit = redditSettings("https://safereddit.com");
-  EXPECT_FALSE(redirector.redirect("https://x.com/jack", reddit));
-}
-
-TEST(PrivacyRedirectorTest, IStatusLinksOnlyGoToNitterCompatibleInstances) {
-  const PrivacyRedirector redirector(instances(), kGenerated);
-  const std::string link = "https://twitter.com/i/status/123";
-  EXPECT_FALSE(redirector.redirect(link, withChoice(XRedirectChoice::twitterViewer)));
-  EXPECT_EQ(redirected(redirector, link, withChoice(XRedirectChoice::nitter, "alpha")),
-            "https://alpha.example/i/status/123");
-  EXPECT_EQ(redirected(redirector, "https://mobile.twitter.com/I/status/5#m",
-                       withChoice(XRedirectChoice::nitter, "beta")),
-            "https://beta.example/I/status/5#m");
-}
-
-TEST(PrivacyRedirectorTest, ExplicitSelectionIsNeverReplaced) {
-  const PrivacyRedirector redirector(instances(), kGenerated);
-  // beta lists statuses only: its profile links stay, although alpha could take them.
-  const Settings beta = withChoice(XRedirectChoice::nitter, "beta");
-  EXPECT_EQ(redirected(redirector, "https://x.com/jack/status/1", beta),
-            "https://beta.example/jack/status/1");
-  EXPECT_FALSE(redirector.redirect("https://x.com/jack", beta));
-
-  for (const char* id : {"gamma", "missing", "", "Alpha"}) {
-    const Settings settings = withChoice(XRedirectChoice::nitter, id);
-    EXPECT_FALSE(redirector.redirect("https://x.com/jack/status/1", settings)) << id;
-    EXPECT_EQ(redirector.status(settings), PrivacyRedirector::kStatusUnavailable) << id;
-  }
-
-  // Without a verified catalog, or once its reviews are stale, no instance is used.
+TEST(PrivacyRedirectorTest, NoInstanceWithoutAFreshCatalog) {
   const Settings alpha = withChoice(XRedirectChoice::nitter, "alpha");
   EXPECT_FALSE(PrivacyRedirector(nullptr, kGenerated).redirect("https://x.com/jack", alpha));
   const std::uint64_t stale = testing::kReviewed + PrivacyServicesCatalog::kMaximumReviewAge + 1;
   EXPECT_FALSE(PrivacyRedirector(instances(), stale).redirect("https://x.com/jack", alpha));
   EXPECT_EQ(PrivacyRedirector(instances(), stale).status(alpha),
+            PrivacyRedirector::kStatusUnavailable);
+  EXPECT_EQ(PrivacyRedirector(instances(), kGenerated)
+                .status(withChoice(XRedirectChoice::nitter, "gamma")),
             PrivacyRedirector::kStatusUnavailable);
 }
 
@@ -166,58 +132,6 @@ TEST(PrivacyRedirectorTest, AutomaticModeTakesTheSmallestEligibleIDForTheShape) 
             "https://beta.example/jack/status/1");
   EXPECT_FALSE(failover.redirect("https://x.com/jack", automatic));
   EXPECT_FALSE(failover.selectedService(automatic, "profile"));
-}
-
-TEST(PrivacyRedirectorTest, StatusDescribesTheSelection) {
-  const PrivacyRedirector redirector(instances(), kGenerated);
-  EXPECT_EQ(redirector.status(withChoice(XRedirectChoice::twitterViewer)),
-            "Nitter-compatible redirects are not selected.");
-  EXPECT_EQ(redirector.status(withChoice(XRedirectChoice::nitter, "alpha")),
-            "Selected instance: Alpha Instance. Only supported public paths are redirected. "
-            "Availability is not checked.");
-  EXPECT_EQ(PrivacyRedirector(instances(false), kGenerated)
-                .status(withChoice(XRedirectChoice::nitter, "", true)),
-            "Automatic selection: beta. Only supported public paths are redirected. "
-            "Availability is not checked.");
-  EXPECT_EQ(PrivacyRedirector(nullptr, kGenerated).status(withChoice(XRedirectChoice::nitter)),
-            "Selected Nitter-compatible instance unavailable or ineligible. X/Twitter links stay "
-            "canonical; no substitute selected.");
-}
-
-TEST(PrivacyRedirectorTest, RedditLinksGoToTheConfiguredFrontend) {
-  const PrivacyRedirector redirector(nullptr, kGenerated);
-  const auto result = redirector.redirect("http://old.reddit.com/r/linux/comments/abc/?sort=new#c1",
-                                          redditSettings("https://safereddit.com"));
-  ASSERT_TRUE(result);
-  EXPECT_EQ(result->redirectedURL, "https://safereddit.com/r/linux/comments/abc/?sort=new#c1");
-  EXPECT_EQ(result->info(), (PrivacyRedirectInfo{PrivacyRedirectService::reddit, "old.reddit.com",
-                                                 "safereddit.com"}));
-
-  struct Case {
-    const char* url;
-    const char* base;
-    std::optional<std::string> expected;
-  };
-  const std::vector<Case> cases = {
-      {"https://www.reddit.com/r/x", " redlib.example/sub/ ", "https://redlib.example/r/x"},
-      {"https://np.reddit.com/r/x", "redlib.example?theme=dark", "https://safereddit.com/r/x"},
-      {"https://reddit.com/r/x", "http://127.0.0.1:8080/", "http://127.0.0.1:8080/r/x"},
-      {"https://u:p@new.reddit.com:8443/r/x", "https://safereddit.com",
-       "https://safereddit.com/r/x"},
-      {"https://www.reddit.com/r/x", "https://WWW.Reddit.com/", std::nullopt},
-      {"https://reddit.example/r/x", "https://safereddit.com", std::nullopt},
-      {"https://sub.reddit.com/r/x", "https://safereddit.com", std::nullopt},
-      {"ftp://reddit.com/r/x", "https://safereddit.com", std::nullopt},
-  };
-  for (const auto& testCase : cases) {
-    EXPECT_EQ(redirected(redirector, testCase.url, redditSettings(testCase.base)),
-              testCase.expected)
-        << testCase.url << " to " << testCase.base;
-  }
-
-  Settings off = redditSettings("https://safereddit.com");
-  off.redditRedirectEnabled = false;
-  EXPECT_FALSE(redirector.redirect("https://www.reddit.com/r/x", off));
 }
 
 TEST(PrivacyRedirectorTest, NormalizesFrontendBaseURLs) {
