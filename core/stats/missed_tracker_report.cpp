@@ -138,20 +138,6 @@ std::string_view rawValue(MissedTrackerReport::Surface surface) {
   return kSurfaceRaw[static_cast<std::size_t>(surface)];
 }
 
-std::optional<MissedTrackerReport::Platform> reportPlatformFromRaw(std::string_view raw) {
-  for (auto platform : kAllReportPlatforms) {
-    if (rawValue(platform) == raw) return platform;
-  }
-  return std::nullopt;
-}
-
-std::optional<MissedTrackerReport::Surface> reportSurfaceFromRaw(std::string_view raw) {
-  for (auto surface : kAllReportSurfaces) {
-    if (rawValue(surface) == raw) return surface;
-  }
-  return std::nullopt;
-}
-
 std::string_view MissedTrackerReport::recipientEmail() { return LINKWASH_REPORT_RECIPIENT; }
 
 std::string MissedTrackerReport::subject() const {

@@ -87,19 +87,10 @@ struct MissedTrackerReport {
   };
 };
 
-inline constexpr std::array<MissedTrackerReport::Platform, 4> kAllReportPlatforms = {
-    MissedTrackerReport::Platform::macOS, MissedTrackerReport::Platform::iOS,
-    MissedTrackerReport::Platform::windows, MissedTrackerReport::Platform::linux};
-inline constexpr std::array<MissedTrackerReport::Surface, 4> kAllReportSurfaces = {
-    MissedTrackerReport::Surface::clipboard, MissedTrackerReport::Surface::manualClean,
-    MissedTrackerReport::Surface::shareExtension, MissedTrackerReport::Surface::safariExtension};
-
 // "macOS", "iOS", "Windows", "Linux".
 std::string_view rawValue(MissedTrackerReport::Platform platform);
 // "Clipboard", "Manual Clean", "Share Extension", "Safari Extension".
 std::string_view rawValue(MissedTrackerReport::Surface surface);
-std::optional<MissedTrackerReport::Platform> reportPlatformFromRaw(std::string_view raw);
-std::optional<MissedTrackerReport::Surface> reportSurfaceFromRaw(std::string_view raw);
 
 namespace MissedTrackerReportBuilder {
 
