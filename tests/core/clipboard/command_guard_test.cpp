@@ -65,45 +65,31 @@ CommandGuard guardWith(const std::vector<std::string>& rules, std::string_view v
 }
 
 TEST(CommandGuardLoadingTest, FallsBackFromInstalledToShippedToUnavailable) {
-  const std::string installed = bundleJson("installed-7", {ruleJson("a", "danger", "boom")});
   const std::string shipped = bundleJson("shipped-3", {ruleJson("a", "danger", "boom")});
-  {
+  const auto versionWith = [](std::optional<std::string> installedText,
+                              std::optional<std::string> shippedText) {
     GuardFiles files;
-    files.install(installed);
-    files.ship(shipped);
-    EXPECT_EQ(files.guard().currentRulesVersion(), "installed-7");
-  }
-  {
-    GuardFiles files;  // nothing installed
-    files.ship(shipped);
-    EXPECT_EQ(files.guard().currentRulesVersion(), "shipped-3");
-  }
+    if (installedText) files.install(*installedText);
+    if (shippedText) files.ship(*shippedText);
+    return files.guard().currentRulesVersion();
+  };
+  EXPECT_EQ(versionWith(bundleJson("installed-7", {ruleJson("a", "danger", "boom")}), shipped),
+            "installed-7");
+  EXPECT_EQ(versionWith(std::nullopt, shipped), "shipped-3");
+  EXPECT_EQ(versionWith(std::nullopt, "[]"), "unavailable");
   // An installed file that does not decode is passed over whole, not partly used.
+  const std::string summaryOnly =
+      R"({"id":"b","platform":"x","severity":"info","pattern":"y","summary":"s"})";
   for (const std::string& broken :
        {std::string("{not json"), std::string(R"({"rules":[]})"),
+        std::string(R"({"currentVersion":1,"rules":[]})"),
         bundleJson("bad", {ruleJson("a", "critical", "boom")}),
-        bundleJson("bad", {ruleJson("a", "danger", "boom"), R"({"id":"b","platform":"x",)"
-                                                            R"("severity":"info","pattern":"y",)"
-                                                            R"("summary":"s"})"}),
-        std::string(R"({"currentVersion":1,"rules":[]})")}) {
-    GuardFiles files;
-    files.install(broken);
-    files.ship(shipped);
-    EXPECT_EQ(files.guard().currentRulesVersion(), "shipped-3") << broken;
+        bundleJson("bad", {ruleJson("a", "danger", "boom"), summaryOnly})}) {
+    EXPECT_EQ(versionWith(broken, shipped), "shipped-3") << broken;
   }
-  {
-    GuardFiles files;
-    files.ship("[]");
-    const CommandGuard guard = files.guard();
-    EXPECT_EQ(guard.currentRulesVersion(), "unavailable");
-    EXPECT_TRUE(guard.rules().empty());
-  }
-  {
-    GuardFiles files;  // neither file exists
-    const CommandGuard guard = files.guard();
-    EXPECT_EQ(guard.currentRulesVersion(), "unavailable");
-    EXPECT_FALSE(guard.analyze("boom; rm -rf /", Severity::info));
-  }
+  GuardFiles none;
+  EXPECT_EQ(none.guard().currentRulesVersion(), "unavailable");
+  EXPECT_FALSE(none.guard().analyze("boom; rm -rf /", Severity::info));
 }
 
 TEST(CommandGuardLoadingTest, InvalidPatternDropsOnlyItsRule) {
@@ -224,7 +210,7 @@ TEST(CommandGuardNeutralizeTest, ProducesExactCommentedText) {
   EXPECT_FALSE(guard.analyze("\n" + CommandGuard::neutralizedCommand(risky), Severity::info));
 }
 
-TEST(CommandRiskResultTest, JsonRoundTripAndStrictDecoding) {
+TEST(CommandRiskResultTest, EncodesExactBytes) {
   const CommandGuard guard =
       guardWith({ruleJson("b", "danger", "rm"), ruleJson("a", "warning", "-rf")}, "v2");
   auto result = guard.analyze("rm -rf ~", Severity::info);
@@ -236,14 +222,6 @@ TEST(CommandRiskResultTest, JsonRoundTripAndStrictDecoding) {
             R"("explanation":"explanation of b","matchedText":"rm"},)"
             R"({"id":"a","platform":"Test","severity":"warning","summary":"summary of a",)"
             R"("explanation":"explanation of a","matchedText":"-rf"}],"rulesVersion":"v2"})");
-  EXPECT_EQ(decodeCommandRiskResult(json), result);
-
-  Json unknownSeverity = json;
-  unknownSeverity["findings"][0]["severity"] = "critical";
-  EXPECT_FALSE(decodeCommandRiskResult(unknownSeverity));
-  Json missingKey = json;
-  missingKey.erase("rulesVersion");
-  EXPECT_FALSE(decodeCommandRiskResult(missingKey));
 }
 
 // The shipped rule file is data, but a pattern that fails to compile would silently disable its
