@@ -222,51 +222,10 @@ TEST_F(HandlerTest, MissedReportDescribesTheCleanOrTheGivenLinks) {
   EXPECT_NE(givenBody.find("User note:\nid is a tracker\n"), std::string::npos);
 }
 
-// The mailto link grows by a fixed amount per character of the path and the note. A plain note
-// character counts twice (text and appendix) and a "/" five times (the appendix escapes it), so
-// together they reach any length exactly.
-TEST_F(HandlerTest, MailtoLinkIsIncludedUpToExactlyTheLimit) {
-  auto reportFor = [&](std::size_t pathLength, std::size_t plain, std::size_t slashes) {
-    return ask({{"action", "buildMissedReport"},
-                {"originalURL", "https://pad.example/" + std::string(pathLength, 'p')},
-                {"note", "n" + std::string(plain, 'n') + std::string(slashes, '/')}});
-  };
-  auto mailtoLength = [&](std::size_t path, std::size_t plain,
-                          std::size_t slashes) -> std::optional<std::size_t> {
-    const Json reply = reportFor(path, plain, slashes);
-    if (!reply.contains("mailtoURL")) return std::nullopt;
-    return reply["mailtoURL"].get<std::string>().size();
-  };
-
-  const std::size_t base = mailtoLength(0, 0, 0).value();
-  const std::size_t perPlain = mailtoLength(0, 1, 0).value() - base;
-  const std::size_t perSlash = mailtoLength(0, 0, 1).value() - base;
-  std::size_t low = 0;
-  std::size_t high = MissedTrackerReport::kMailtoLengthLimit;
-  while (low + 1 < high) {  // the longest path that still gets a link
-    const std::size_t middle = (low + high) / 2;
-    (mailtoLength(middle, 0, 0) ? low : high) = middle;
-  }
-  // One character short of that leaves room for a few notes' worth of padding.
-  const std::size_t path = low - 1;
-  const std::size_t gap =
-      MissedTrackerReport::kMailtoLengthLimit - mailtoLength(path, 0, 0).value();
-
-  auto padding = [&](std::size_t extra) -> std::optional<std::pair<std::size_t, std::size_t>> {
-    for (std::size_t slashes = 0; slashes * perSlash <= extra; ++slashes) {
-      if ((extra - slashes * perSlash) % perPlain == 0) {
-        return std::pair{(extra - slashes * perSlash) / perPlain, slashes};
-      }
-    }
-    return std::nullopt;
-  };
-  const auto atLimit = padding(gap);
-  const auto overLimit = padding(gap + 1);
-  ASSERT_TRUE(atLimit && overLimit) << perPlain << " " << perSlash << " " << gap;
-
-  EXPECT_EQ(mailtoLength(path, atLimit->first, atLimit->second),
-            MissedTrackerReport::kMailtoLengthLimit);
-  const Json over = reportFor(path, overLimit->first, overLimit->second);
+// The exact limit is the report's own business; the handler only leaves out a link over it.
+TEST_F(HandlerTest, MailtoLinkIsLeftOutWhenTooLong) {
+  const Json over = ask({{"action", "buildMissedReport"},
+                         {"originalURL", "https://pad.example/" + std::string(9000, 'p')}});
   EXPECT_EQ(over["ok"], true);
   EXPECT_TRUE(over["subject"].is_string() && over["body"].is_string());
   EXPECT_FALSE(over.contains("mailtoURL"));
