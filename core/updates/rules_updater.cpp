@@ -98,13 +98,6 @@ std::optional<Timestamp> RuleUpdateBackgroundSchedule::earliestBeginDate(
   return next < now ? now : next;
 }
 
-std::vector<AutomaticRuleUpdateAction> AutomaticRuleUpdatePlan::actions(bool isDue,
-                                                                        bool updateAvailable) {
-  if (!isDue) return {};
-  if (!updateAvailable) return {AutomaticRuleUpdateAction::check};
-  return {AutomaticRuleUpdateAction::check, AutomaticRuleUpdateAction::install};
-}
-
 bool backgroundTaskSucceeded(AutomaticRuleUpdateResult result) {
   return result == AutomaticRuleUpdateResult::notDue || result == AutomaticRuleUpdateResult::busy ||
          result == AutomaticRuleUpdateResult::succeeded;

@@ -62,13 +62,6 @@ struct RuleUpdateBackgroundSchedule {
                                                     Timestamp now);
 };
 
-enum class AutomaticRuleUpdateAction { check, install };
-
-struct AutomaticRuleUpdatePlan {
-  // Not due: nothing. Due: a check, followed by an install when an update is already known.
-  static std::vector<AutomaticRuleUpdateAction> actions(bool isDue, bool updateAvailable);
-};
-
 enum class AutomaticRuleUpdateResult { notDue, busy, succeeded, failed, cancelled };
 
 // What a background task reports to its scheduler: only failed and cancelled runs are failures.

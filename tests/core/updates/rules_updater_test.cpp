@@ -163,21 +163,16 @@ TEST_F(RulesUpdaterTest, AFailedCheckOrInstallSaysWhyAndKeepsTheRulesInUse) {
   stranger.key = testing::seededKey(7);
   std::string alteredClear = record.clear;
   alteredClear[alteredClear.size() / 2] ^= 0x01;
+  // Transport failures in general are the HTTP client's tests; these are the updater's answers.
   const std::vector<std::tuple<std::string, HttpsRoute, std::string>> cases = {
       {manifest, HttpsRoute().withStatus(304), checkFailed + "HTTP 304"},
       {manifest, HttpsRoute().withRedirect("/linkwash/rules/beta/manifest.json"),
        checkFailed + "HTTP 302"},
       {manifest, HttpsRoute().withStatus(200), checkFailed + "empty manifest"},
-      {manifest, HttpsRoute().withStatus(500).withBody("oops"), checkFailed + "HTTP 500"},
-      {signature, HttpsRoute().withStatus(404), checkFailed + "HTTP 404"},
       {signature, HttpsRoute().withBody(stranger.signBytes(record.proof.manifest).signature),
        kFeedRejected},
-      {dir + "linkwash-supplementary.json", HttpsRoute().withBody(record.supplementary.substr(1)),
-       "Download failed: Unexpected byte count for linkwash-supplementary.json"},
       {dir + "data.min.json", HttpsRoute().withBody(record.clear + " "),
        "Download failed: Unexpected byte count for data.min.json"},
-      {dir + "data.min.json", HttpsRoute().withRedirect(dir + "elsewhere.json"),
-       "Download failed: HTTP 302"},
       {dir + "data.min.json", HttpsRoute().withBody(alteredClear),
        "Downloaded rules failed integrity check: data.min.json."},
   };
@@ -263,23 +258,18 @@ TEST(RuleUpdateScheduleTest, DueRuleAndBeginDate) {
     EXPECT_EQ(RuleUpdateBackgroundSchedule::earliestBeginDate(cadence, last, kNow),
               beginIn ? std::optional(kNow + seconds(*beginIn)) : std::nullopt);
   }
-  using A = AutomaticRuleUpdateAction;
-  EXPECT_TRUE(AutomaticRuleUpdatePlan::actions(false, true).empty());
-  EXPECT_EQ(AutomaticRuleUpdatePlan::actions(true, true), (std::vector<A>{A::check, A::install}));
 }
 
 TEST(RulesUpdateStatusTest, TheInstallDateIsShownInLocalTime) {
-  const char* oldTz = std::getenv("TZ");
-  const std::optional<std::string> saved = oldTz ? std::optional<std::string>(oldTz) : std::nullopt;
-  setenv("TZ", "UTC", 1);
+  std::optional<testing::ScopedEnvironment> tz(std::in_place, "TZ", "UTC");
   tzset();
   EXPECT_EQ(RulesUpdateStatus::installed("2026.03.14.2", *parseISO8601("2026-03-14T15:05:00Z"))
                 .displayText(),
             "Installed rules 2026.03.14.2 at Mar 14, 2026 at 3:05 PM");
-  setenv("TZ", "America/New_York", 1);
+  tz.emplace("TZ", "America/New_York");
   tzset();
   EXPECT_EQ(formatDisplayDate(*parseISO8601("2026-01-02T00:09:00Z")), "Jan 1, 2026 at 7:09 PM");
-  saved ? setenv("TZ", saved->c_str(), 1) : unsetenv("TZ");
+  tz.reset();
   tzset();
 }
 
