@@ -116,16 +116,5 @@ TEST(DefaultsCliTest, BadInputFailsWithOneLineAndWritesNothing) {
   EXPECT_EQ(all[0].second, PreferenceValue{std::int64_t{5}});
 }
 
-TEST(DefaultsCliTest, EverySubcommandTeachesItsUse) {
-  testing::TempHome home;
-  for (const char* sub : {"read", "write", "delete"}) {
-    RunResult help = defaults(home, {sub, "--help"});
-    EXPECT_EQ(help.exitCode, 0) << sub;
-    EXPECT_NE(help.out.find(std::string("linkwash defaults ") + sub + " "), std::string::npos)
-        << help.out;
-  }
-  EXPECT_NE(defaults(home, {"write", "--help"}).out.find("-data"), std::string::npos);
-}
-
 }  // namespace
 }  // namespace linkwash

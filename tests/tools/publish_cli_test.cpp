@@ -124,39 +124,5 @@ TEST_F(PublishCliTest, SignRulesWritesTheServedTreeAndVerifyChecksItAsTheAppWoul
   EXPECT_TRUE(contains(changed.err, "never changes")) << changed.err;
 }
 
-TEST_F(PublishCliTest, VerifyAndSignRulesRefuseWhatTheAppWouldRefuse) {
-  ASSERT_EQ(signRules("2027.01.01.1").exitCode, 0);
-  ASSERT_EQ(verify().exitCode, 0);
-  const fs::path clear = tree() / "2027.01.01.1" / "data.min.json";
-  const fs::path manifest = tree() / "manifest.json";
-  const std::string manifestBytes = *files::readFile(manifest);
-  using Args = std::vector<std::string>;
-  const std::tuple<fs::path, std::string, Args, const char*> cases[] = {
-      {clear, std::string(kRules) + " ", {}, "bytes; the manifest says"},
-      {manifest, manifestBytes + "\n", {}, "signature does not verify"},
-      {manifest, manifestBytes, {"--host", "mirror.test"}, "is not https://mirror.test/"}};
-  for (const auto& [path, bytes, extra, reason] : cases) {
-    write(path, bytes);
-    const auto result = verify(extra);
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_TRUE(contains(result.err, reason)) << result.err;
-    write(clear, kRules);
-    write(manifest, manifestBytes);
-  }
-
-  // Refused before anything is written.
-  write(input("data.min.json"), "{ not json");
-  auto result = signRules("2027.01.01.2");
-  EXPECT_TRUE(contains(result.err, "ClearURLs JSON could not be decoded")) << result.err;
-  EXPECT_FALSE(fs::exists(tree() / "2027.01.01.2"));
-  write(input("data.min.json"), kRules);
-  EXPECT_EQ(signRules("2027.1.1.2").exitCode, 1);
-  result = publish({"sign-rules", "--key", keyPath().string(), "--key-id", "test-2", "--rules",
-                    input("data.min.json").string(), "--version", "2027.01.01.2", "--out",
-                    tree().string()});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_TRUE(contains(result.err, "holds key \"test-1\"")) << result.err;
-}
-
 }  // namespace
 }  // namespace linkwash

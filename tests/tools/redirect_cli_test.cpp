@@ -94,53 +94,6 @@ TEST_F(RedirectCliTest, CleansOntoTheInstalledCatalogsInstanceAndNeverSubstitute
       << shown.out;
 
   EXPECT_EQ(linkwash({"clean", kStatusLink}).out, "https://beta.example/jack/status/123\n");
-
-  // Another catalog under the installed version is refused and the installed one stays.
-  auto rewritten = freshCatalog(1);
-  rewritten.services[1].destination = "https://elsewhere.example";
-  const RunResult refused = installFiles(testing::releaseOf(rewritten, updatesHost()));
-  EXPECT_EQ(refused.exitCode, 1);
-  EXPECT_EQ(refused.out, "Install failed. Last verified catalog retained.\n");
-  EXPECT_EQ(linkwash({"clean", kStatusLink}).out, "https://beta.example/jack/status/123\n");
-
-  // A tampered store gives way to the shipped catalog, which does not list beta: the link is
-  // only cleaned, and the screen keeps the selection on its own row.
-  const fs::path stored = PrivacyCatalogStore::sharedRoot() / "installed.json";
-  std::ofstream(stored, std::ios::binary | std::ios::trunc) << "{}";
-  EXPECT_EQ(linkwash({"clean", kStatusLink}).out, "https://x.com/jack/status/123\n");
-  shown = linkwash({"redirect"});
-  EXPECT_TRUE(contains(shown.out, "(*) Selected instance unavailable")) << shown.out;
-  EXPECT_TRUE(contains(linkwash({"catalog", "status"}).out, "Catalog in use: shipped"));
-}
-
-TEST_F(RedirectCliTest, WithoutAFreshCatalogRedirectsAreVisiblyOffAndCleaningGoesOn) {
-  // The bundle's catalog is signed but generated tomorrow, so it is not fresh today.
-  auto future = freshCatalog(1);
-  future.generated = currentUnixSeconds() + 86400;
-  const testing::CatalogRelease release = testing::releaseOf(future);
-  const fs::path bundle = home_.path() / "resources" / "Linkwash_LinkwashCore.bundle";
-  std::ofstream(bundle / "privacy-services.json", std::ios::binary | std::ios::trunc)
-      << release.payload;
-  std::ofstream(bundle / "privacy-services.sig", std::ios::binary | std::ios::trunc)
-      << release.signature;
-
-  ASSERT_EQ(linkwash({"redirect", "set-choice", "nitter"}).exitCode, 0);
-  ASSERT_EQ(linkwash({"redirect", "automatic", "on"}).exitCode, 0);
-  const RunResult shown = linkwash({"redirect"});
-  EXPECT_TRUE(contains(shown.out, PrivacyServicesArchive::kUnavailable)) << shown.out;
-  EXPECT_TRUE(contains(shown.out,
-                       "No verified eligible instances. Redirects are unavailable; "
-                       "ordinary tracker cleaning still works."))
-      << shown.out;
-  EXPECT_TRUE(contains(linkwash({"catalog", "status"}).out, "Review: out of date"));
-
-  EXPECT_EQ(linkwash({"clean", kStatusLink}).out, "https://x.com/jack/status/123\n");
-  // Redirects that need no catalog still work.
-  ASSERT_EQ(linkwash({"redirect", "reddit", "on", "--frontend", "redlib.example/"}).exitCode, 0);
-  EXPECT_EQ(linkwash({"clean", "https://old.reddit.com/r/linux"}).out,
-            "https://redlib.example/r/linux\n");
-  EXPECT_EQ(linkwash({"redirect", "reddit", "on", "--frontend", "https://a.example/?q"}).exitCode,
-            1);
 }
 
 }  // namespace

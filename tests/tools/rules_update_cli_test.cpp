@@ -97,18 +97,6 @@ TEST_F(RulesUpdateCliTest, InstallReleaseFromALocalTreeAndStatus) {
   EXPECT_TRUE(contains(status.out, "Rules in use: 2027.01.01.1 (installed release)\n"));
   EXPECT_FALSE(contains(status.out, "Last install: never")) << status.out;
 
-  // A file changed after signing, or missing, is refused and the installed release stays.
-  signRelease(tree, "2027.01.01.2", "second");
-  const fs::path clear = tree / "2027.01.01.2" / "data.min.json";
-  write(clear, rulesStripping("Second"));
-  auto refused = linkwash({"rules", "install-release", tree.string()});
-  EXPECT_EQ(refused.err, "Downloaded rules failed integrity check: data.min.json.\n");
-  fs::remove(clear);
-  refused = linkwash({"rules", "install-release", tree.string()});
-  EXPECT_EQ(refused.exitCode, 1);
-  EXPECT_TRUE(contains(refused.err, "Rules bundle missing data.min.json.")) << refused.err;
-  EXPECT_EQ(clean(), "https://a.example/?second=2&k=3\n");
-
   // A channel folder finds its files beside it, in the version folders.
   signRelease(tree, "2027.01.02.1", "second", "beta");
   installed = linkwash({"rules", "install-release", (tree / "beta").string()});
@@ -140,13 +128,6 @@ TEST_F(RulesUpdateCliTest, UpdateChecksAndInstallsFromTheRulesServer) {
   EXPECT_EQ(linkwash({"rules", "auto", "weekly"}).out,
             "Automatic updates: Weekly\nNext automatic check: due now\n");
   EXPECT_NE(linkwash({"rules", "auto", "hourly"}).exitCode, 0);
-
-  server.setRoute("/linkwash/rules/beta/manifest.json", testing::HttpsRoute().withStatus(404));
-  result = linkwash({"rules", "update", "--channel", "beta"});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_EQ(result.err, "Could not check for rule updates: HTTP 404\n");
-  const auto status = linkwash({"rules", "status"}).out;
-  EXPECT_TRUE(contains(status, "Channel: Beta\nAutomatic updates: Weekly\n")) << status;
 }
 
 }  // namespace
