@@ -131,7 +131,7 @@ TEST(MissedTrackerReportTest, MinimalReportShowsPlaceholdersAndOmitsAbsentFields
 TEST(MissedTrackerReportTest, RulesSummaryListsWhatIsKnownInUtc) {
   const CleanResult result = resultFor("https://a.example/", "https://a.example/");
   // Late in the UTC day: a formatter using local time would give the next day here.
-  const testing::ScopedEnvironment tz("TZ", "UTC-14");
+  std::optional<testing::ScopedEnvironment> tz(std::in_place, "TZ", "UTC-14");
   tzset();
   const auto late = std::chrono::sys_days{2026y / March / 14} + 23h + 30min;
   const auto summary = [&](std::optional<std::int64_t> count, std::optional<Clock::time_point> at) {
@@ -142,6 +142,8 @@ TEST(MissedTrackerReportTest, RulesSummaryListsWhatIsKnownInUtc) {
   EXPECT_EQ(summary(std::nullopt, late), "last_update=2026-03-14");
   EXPECT_EQ(summary(0, late), "provider_count=0, last_update=2026-03-14");
   EXPECT_EQ(summary(std::nullopt, std::nullopt), "[not available]");
+  tz.reset();
+  tzset();
 }
 
 TEST(MissedTrackerReportTest, MailtoCarriesEncodedSubjectAndBody) {
