@@ -11,9 +11,10 @@ const api = globalThis.browser ?? globalThis.chrome;
 const host = new LinkwashHost(api);
 const isFirefox = typeof api.runtime.getBrowserInfo === 'function';
 
-// A navigation may wait a little for the host; a page script or the popup never waits long.
+// How long each kind of request may wait for the host. Nothing in a page waits for these: the
+// content script never holds a click.
 const NAVIGATION_TIMEOUT_MS = 1000;
-const CONTENT_TIMEOUT_MS = 150;
+const CONTENT_TIMEOUT_MS = 2000;
 const POPUP_TIMEOUT_MS = 3000;
 
 // Pages may only ask for what the content script needs; the popup may use every action.

@@ -1,19 +1,21 @@
 // Cleans links in pages just before they are followed. A press on a link (mouse, touch, pen) or
 // keyboard focus on it asks the host for the clean address and rewrites the link in place, so the
-// click that follows goes to the clean address with nothing held back: when the answer is late
-// (over 150 ms) or the host is missing, the original link is followed as the page meant it, and the
-// background cleans the navigation instead. Nothing else in the page is touched.
+// click that follows goes to the clean address. No click is ever held back: when the answer comes
+// after the click (a press shorter than the host's answer, a slow or missing host), the original
+// link is followed as the page meant it, and the background cleans the navigation instead.
+// Nothing else in the page is touched.
 'use strict';
 
 (() => {
   const api = globalThis.browser ?? globalThis.chrome;
-  const BUDGET_MS = 150;
+  // An answer later than this is of no use: the press is long over.
+  const ANSWER_MS = 2000;
   const asked = new WeakMap();  // link -> {original, cleaned}
 
   // The reply, or null when the host is slow, missing or the extension went away.
   function ask(message) {
     return new Promise((resolve) => {
-      const timer = setTimeout(() => resolve(null), BUDGET_MS);
+      const timer = setTimeout(() => resolve(null), ANSWER_MS);
       const done = (reply) => {
         clearTimeout(timer);
         resolve(reply && typeof reply === 'object' && !reply.hostError ? reply : null);
@@ -45,6 +47,7 @@
     const entry = {original: href, cleaned: null};
     asked.set(link, entry);
     ask({action: 'cleanURL', url: href}).then((reply) => {
+      if (!reply) asked.delete(link);  // ask again on the next press
       if (!reply || reply.cleaned !== true || typeof reply.cleanedURL !== 'string') return;
       if (!/^https?:/i.test(reply.cleanedURL) || link.href !== href) return;  // the page changed it
       entry.cleaned = reply.cleanedURL;
