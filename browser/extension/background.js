@@ -31,6 +31,11 @@ const STRIPPED_BEFORE_REQUEST = new Set(
 const SWITCHED_OFF_RULE_ID = 1;
 const TAB_ALLOWANCE_MS = 10000;
 
+// Starting the host loads its rules, which takes far longer than a clean: do it now rather than
+// on the first navigation, which would otherwise go through uncleaned. A link without a query
+// changes nothing and is not recorded.
+host.request({action: 'cleanURL', url: 'https://localhost/'}, POPUP_TIMEOUT_MS);
+
 // Tabs on their way back to an original address through Undo: that one navigation is left alone.
 const leaveAlone = new Map();  // tabId -> url
 
