@@ -113,3 +113,10 @@ export function median(values) {
   const sorted = [...values].sort((a, b) => a - b);
   return sorted[Math.floor(sorted.length / 2)];
 }
+
+// Times, inside the page, from the press on #tracked to its rewrite.
+export function watchRewrite() {
+  const link = document.getElementById('tracked');
+  link.addEventListener('pointerdown', (event) => { window.pressedAt = event.timeStamp; });
+  new MutationObserver(() => { window.rewrittenAt ??= performance.now(); }).observe(link, {attributes: true});
+}
