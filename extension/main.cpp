@@ -6,15 +6,22 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 
 #include "base/diagnostics.h"
 #include "extension/extension_message_handler.h"
 #include "extension/native_messaging.h"
+#include "platform/resources/resource_bundle.h"
 
-int main() {
+int main(int argc, char** argv) {
   using namespace linkwash;
-  // The browser may pass the extension's origin or manifest path as arguments; nothing in them
-  // changes what the host does, so they are ignored.
+  // Browsers start the host with arguments of their own (Chromium: the extension's origin, and a
+  // parent window on some systems; Firefox: the manifest's path and the extension's ID). None of
+  // them changes what the host does, so only a lone --version is taken as a request.
+  if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+    std::printf("linkwash-host %s\n", appVersion().c_str());
+    return 0;
+  }
 
   // A browser that goes away must end the host through a failed write, not a signal.
   std::signal(SIGPIPE, SIG_IGN);

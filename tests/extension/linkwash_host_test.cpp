@@ -163,6 +163,27 @@ TEST(LinkwashHostTest, AnswersEveryMessageOfOneProcessAndExitsAtEndOfInput) {
   EXPECT_EQ(host.unread(), "");
 }
 
+// Browsers start the host with their own arguments; only a lone --version is a request.
+TEST(LinkwashHostTest, ServesWhateverArgumentsBrowsersPassAndAnswersALoneVersion) {
+  testing::TempHome home;
+  const fs::path host = testing::binDir() / "linkwash-host";
+  const std::string request = frame(R"({"action":"recordStat"})");
+  const std::vector<std::vector<std::string>> browserArguments{
+      {"chrome-extension://dldldimlamkgipjkanckoilidmncnoje/"},
+      {"chrome-extension://dldldimlamkgipjkanckoilidmncnoje/", "--parent-window=0"},
+      {"/home/u/.mozilla/native-messaging-hosts/com.morvellabs.linkwash.json",
+       "linkwash@morvellabs.com"},
+      {"--version", "linkwash@morvellabs.com"}};
+  for (const auto& arguments : browserArguments) {
+    const auto run = testing::runProgram(host, arguments, home.path(), request);
+    EXPECT_EQ(run.exitCode, 0) << arguments.front();
+    EXPECT_EQ(run.out, frame(R"({"recorded":true})")) << arguments.front();
+  }
+  const auto version = testing::runProgram(host, {"--version"}, home.path(), request);
+  EXPECT_EQ(version.exitCode, 0);
+  EXPECT_EQ(version.out.rfind("linkwash-host 1.", 0), 0u) << version.out;
+}
+
 TEST(LinkwashHostTest, TwoHostsShareSiteSwitches) {
   testing::TempHome home;
   HostProcess first(home);

@@ -16,5 +16,6 @@ void addReportCommand(CLI::App& app, int& exitCode);
 void addRedirectCommand(CLI::App& app, int& exitCode);
 void addCatalogCommand(CLI::App& app, int& exitCode);
 void addGuardCommand(CLI::App& app, int& exitCode);
+void addBrowserCommand(CLI::App& app, int& exitCode);
 
 }  // namespace linkwash::cli

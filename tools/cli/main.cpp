@@ -21,6 +21,7 @@ int main(int argc, char** argv) {
   linkwash::cli::addRulesCommand(app, exitCode);
   linkwash::cli::addRedirectCommand(app, exitCode);
   linkwash::cli::addCatalogCommand(app, exitCode);
+  linkwash::cli::addBrowserCommand(app, exitCode);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
