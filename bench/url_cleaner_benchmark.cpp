@@ -5,12 +5,10 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "bench/allocation_counter.h"
 #include "bench/link_mix.h"
-#include "core/cleaning/url_cleaner.h"
+#include "core/session/session.h"
 
 namespace {
 
@@ -21,20 +19,15 @@ void BM_CleanerPipeline(benchmark::State& state) {
       std::filesystem::temp_directory_path() / ("linkwash-bench-clean-" + std::to_string(getpid()));
   std::filesystem::create_directories(home);
   setenv("LINKWASH_HOME", home.c_str(), 1);
-  std::ifstream in(bench::sharedDir() / "fixtures/clearurls/data.min.json", std::ios::binary);
-  std::ostringstream data;
-  data << in.rdbuf();
+  // Wired as every program wires it, with the public rule file in place of the shipped rules.
+  auto session = Session::open(
+      {(bench::sharedDir() / "fixtures/clearurls/data.min.json").string(), std::nullopt});
   const auto links = bench::makeLinkMix(20000);
-  if (links.empty() || data.str().empty()) {
+  if (links.empty() || !session) {
     state.SkipWithError("shared corpus or fixture missing");
     return;
   }
-  auto store = PreferenceStore::open(home / "prefs.sqlite3");
-  RulesEngine engine(store);
-  engine.load(data.str());
-  DomainExceptionStore exceptions(store);
-  LastCleanRecorder recorder;
-  URLCleaner cleaner(engine, &exceptions, &recorder, "benchmark", PrivacyRedirectSettings{});
+  URLCleaner cleaner = (*session)->makeCleaner("benchmark");
   cleaner.setMatchCountSaving(URLCleaner::MatchCountSaving::deferred);
   std::size_t i = 0, changed = 0;
   const auto allocationsBefore = bench::allocationCount();

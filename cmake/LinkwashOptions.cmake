@@ -3,6 +3,7 @@ option(LINKWASH_WERROR "Treat compiler warnings as errors" OFF)
 option(LINKWASH_SANITIZE "Build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
 option(LINKWASH_BENCHMARKS "Build the Google Benchmark targets" ON)
 option(LINKWASH_TESTS "Build the tests" ON)
+option(LINKWASH_FUZZ "Build the libFuzzer targets (clang only; instruments every library)" OFF)
 
 set(LINKWASH_RULES_HOST "rules.linkwash.example" CACHE STRING "Host serving signed rule releases")
 set(LINKWASH_UPDATES_HOST "updates.linkwash.example" CACHE STRING "Host serving app and catalog metadata")
@@ -17,6 +18,14 @@ endif()
 
 if(LINKWASH_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_compile_definitions(_GLIBCXX_ASSERTIONS)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+if(LINKWASH_FUZZ)
+  # Coverage for the fuzzers and sanitizers for what they find, in every library they reach.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
   add_compile_definitions(_GLIBCXX_ASSERTIONS)
   add_link_options(-fsanitize=address,undefined)
 endif()

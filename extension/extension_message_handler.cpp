@@ -1,4 +1,4 @@
-// Dispatch of the web extension's actions and the process-wide objects they share.
+// Dispatch of the web extension's actions onto the session's shared objects.
 #include "extension/extension_message_handler.h"
 
 #include <chrono>
@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "core/stats/missed_tracker_report.h"
-#include "core/updates/signed_rule_feed.h"
 #include "platform/resources/resource_bundle.h"
 
 namespace linkwash {
@@ -34,66 +33,19 @@ Json object(std::initializer_list<std::pair<const char*, Json>> members) {
   return reply;
 }
 
-// The engine has no lock; every request that touches it goes through this one.
-std::mutex& engineMutex() {
-  static auto* mutex = new std::mutex;
-  return *mutex;
-}
-
-PrivacyRedirectSettings currentRedirectSettings() {
-  const auto group = sharedGroupStore();
-  return PrivacyRedirectSettings::fromStore(*sharedStandardStore(), group.get());
-}
-
 }  // namespace
 
-std::shared_ptr<PreferenceStore> sharedStandardStore() {
-  static const auto* store = new std::shared_ptr<PreferenceStore>(PreferenceStore::standard());
-  return *store;
-}
-
-std::shared_ptr<PreferenceStore> sharedGroupStore() {
-  static const auto* store =
-      new std::shared_ptr<PreferenceStore>(PreferenceStore::suite(kAppGroupIdentifier));
-  return *store;
-}
-
-RulesEngine& sharedRulesEngine() {
-  static auto* engine = [] {
-    auto* created = new RulesEngine(sharedStandardStore());
-    loadVerifiedRules(*created);
-    return created;
-  }();
-  return *engine;
-}
-
-DomainExceptionStore& sharedExceptionStore() {
-  static auto* store = new DomainExceptionStore(sharedStandardStore());
-  return *store;
-}
-
-LastCleanRecorder& sharedLastCleanRecorder() {
-  static auto* recorder = new LastCleanRecorder;
-  return *recorder;
-}
-
-ExtensionMessageHandler::ExtensionMessageHandler() : pasteboard_(generalPasteboard()) {}
-
-ExtensionMessageHandler::ExtensionMessageHandler(std::shared_ptr<Pasteboard> pasteboard)
-    : pasteboard_(pasteboard ? std::move(pasteboard) : generalPasteboard()) {}
+ExtensionMessageHandler::ExtensionMessageHandler(Session& session,
+                                                 std::shared_ptr<Pasteboard> pasteboard)
+    : session_(session), pasteboard_(pasteboard ? std::move(pasteboard) : generalPasteboard()) {}
 
 // A fresh cleaner per request, so that switches, custom rules and redirect choices changed by
 // another process count for this request.
 CleanOutcome ExtensionMessageHandler::cleanWithFreshCleaner(std::string_view surface,
                                                             std::string_view link) const {
-  RulesEngine& engine = sharedRulesEngine();
-  std::lock_guard lock(engineMutex());
-  engine.reloadPersistedState();
-  DomainExceptionStore& exceptions = sharedExceptionStore();
-  exceptions.refresh();
-  URLCleaner cleaner(engine, &exceptions, &sharedLastCleanRecorder(), std::string(surface),
-                     currentRedirectSettings());
-  if (privacyStage_) cleaner.setPrivacyRedirectStage(privacyStage_);
+  std::lock_guard lock(session_.engineMutex());
+  session_.reloadPersistedState();
+  URLCleaner cleaner = session_.makeCleaner(std::string(surface));
   return cleaner.cleanWithOutcome(link);
 }
 
@@ -148,7 +100,7 @@ Json ExtensionMessageHandler::cleanURL(const Json& message) const {
                            {"removedQueryParameters", result.removedQueryParameters}});
       if (const auto& redirect = result.privacyRedirect) {
         reply["xRedirectVerified"] = redirect->service == PrivacyRedirectService::xTwitter;
-        reply["xRedirectChoice"] = rawValue(currentRedirectSettings().xRedirectChoice);
+        reply["xRedirectChoice"] = rawValue(session_.redirectSettings().xRedirectChoice);
         reply["privacyRedirect"] = object({{"service", rawValue(redirect->service)},
                                            {"originalHost", redirect->originalHost},
                                            {"frontendHost", redirect->frontendHost}});
@@ -167,7 +119,7 @@ Json ExtensionMessageHandler::cleanURL(const Json& message) const {
 Json ExtensionMessageHandler::isDomainDisabled(const Json& message) const {
   const auto host = hostFromMessage(message);
   if (!host) return object({{"disabled", false}});
-  DomainExceptionStore& exceptions = sharedExceptionStore();
+  DomainExceptionStore& exceptions = session_.exceptions();
   // Another executable (the CLI, a second host) may have changed the list since this one read it.
   exceptions.refresh();
   return object({{"host", *host}, {"disabled", exceptions.isDisabled(*host)}});
@@ -179,7 +131,7 @@ Json ExtensionMessageHandler::setDomainDisabled(const Json& message) const {
   if (!disabled || !host) {
     return object({{"ok", false}, {"error", "Missing host or disabled flag"}});
   }
-  DomainExceptionStore& exceptions = sharedExceptionStore();
+  DomainExceptionStore& exceptions = session_.exceptions();
   if (*disabled) {
     exceptions.disable(*host);
   } else {
@@ -189,7 +141,7 @@ Json ExtensionMessageHandler::setDomainDisabled(const Json& message) const {
 }
 
 Json ExtensionMessageHandler::getLastClean(const Json& message) const {
-  const auto record = sharedLastCleanRecorder().current();
+  const auto record = session_.lastCleanRecorder().current();
   if (!record) return object({{"available", false}});
   if (const auto pageHost = hostFromMessage(message)) {
     // A record whose link has no host is offered on any page.
@@ -202,7 +154,7 @@ Json ExtensionMessageHandler::getLastClean(const Json& message) const {
 }
 
 Json ExtensionMessageHandler::applyLastClean() const {
-  const auto record = sharedLastCleanRecorder().takeAndClear();
+  const auto record = session_.lastCleanRecorder().takeAndClear();
   if (!record) return object({{"applied", false}});
   return object({{"applied", true}, {"originalURL", record->originalURL}});
 }
@@ -211,12 +163,12 @@ Json ExtensionMessageHandler::recordContentClean(const Json& message) const {
   const std::string* original = stringValue(message, "originalURL");
   const std::string* cleaned = stringValue(message, "cleanedURL");
   if (original == nullptr || cleaned == nullptr) return object({{"recorded", false}});
-  sharedLastCleanRecorder().record(*original, *cleaned, kContentScriptSurface);
+  session_.lastCleanRecorder().record(*original, *cleaned, kContentScriptSurface);
   return object({{"recorded", true}});
 }
 
 Json ExtensionMessageHandler::getXRedirectChoice() const {
-  return object({{"ok", true}, {"choice", rawValue(currentRedirectSettings().xRedirectChoice)}});
+  return object({{"ok", true}, {"choice", rawValue(session_.redirectSettings().xRedirectChoice)}});
 }
 
 Json ExtensionMessageHandler::setXRedirectChoice(const Json& message) const {
@@ -224,12 +176,14 @@ Json ExtensionMessageHandler::setXRedirectChoice(const Json& message) const {
   const auto choice = raw ? xRedirectChoiceFromRaw(*raw) : std::nullopt;
   if (!choice) return object({{"ok", false}});
   const std::string stored(rawValue(*choice));
-  sharedStandardStore()->set(PrivacyRedirectSettings::kXRedirectChoiceKey, PreferenceValue{stored});
+  session_.standardStore().set(PrivacyRedirectSettings::kXRedirectChoiceKey,
+                               PreferenceValue{stored});
   return object({{"ok", true}, {"choice", stored}});
 }
 
 Json ExtensionMessageHandler::switchOffXRedirect() const {
-  sharedStandardStore()->set(PrivacyRedirectSettings::kXRedirectEnabledKey, PreferenceValue{false});
+  session_.standardStore().set(PrivacyRedirectSettings::kXRedirectEnabledKey,
+                               PreferenceValue{false});
   return object({{"ok", true}, {"enabled", false}});
 }
 

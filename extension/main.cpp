@@ -36,7 +36,13 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  const ExtensionMessageHandler handler;
+  // One session for the life of the process; the engine is loaded on the first clean.
+  auto session = Session::open();
+  if (!session) {
+    std::fprintf(stderr, "linkwash-host: %s\n", session.error().message.c_str());
+    return 1;
+  }
+  const ExtensionMessageHandler handler(**session);
   return serveNativeMessaging(STDIN_FILENO, replies,
                               [&handler](const Json& message) { return handler.handle(message); });
 }

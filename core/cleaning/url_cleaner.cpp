@@ -5,8 +5,6 @@
 #include <chrono>
 
 #include "base/strings.h"
-#include "core/privacy/privacy_catalog_store.h"
-#include "core/privacy/privacy_redirector.h"
 #include "platform/regex/case_mapping.h"
 #include "platform/url/url_components.h"
 
@@ -66,15 +64,6 @@ std::string lowercasedHost(const URLComponents& components) {
   return decoded ? unicodeLowercase(*decoded) : std::string();
 }
 
-std::optional<PrivacyRedirectResult> defaultPrivacyStage(std::string_view link,
-                                                         const PrivacyRedirectSettings& settings) {
-  // Only Nitter-compatible redirects consult the catalog; every other choice skips even the
-  // stat() that checks for a newly installed one.
-  auto catalog =
-      settings.xRedirectChoice == XRedirectChoice::nitter ? privacyCatalogInUse() : nullptr;
-  return PrivacyRedirector(std::move(catalog), currentUnixSeconds()).redirect(link, settings);
-}
-
 // Everything one pass gathers before it becomes a CleanResult.
 struct PassState {
   std::vector<std::string> removedQueryParameters;
@@ -101,8 +90,7 @@ URLCleaner::URLCleaner(RulesEngine& rulesEngine, DomainExceptionStore* exception
       exceptions_(exceptionStore),
       recorder_(lastCleanRecorder),
       surface_(std::move(surface)),
-      settings_(std::move(privacyRedirectSettings)),
-      privacyStage_(defaultPrivacyStage) {}
+      settings_(std::move(privacyRedirectSettings)) {}
 
 CleanOutcome URLCleaner::cleanWithOutcome(std::string_view urlString) {
   const std::string link(trimWhitespaceAndNewlines(urlString));

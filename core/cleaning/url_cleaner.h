@@ -57,7 +57,9 @@ class URLCleaner {
     settings_ = std::move(settings);
   }
   void setMatchCountSaving(MatchCountSaving saving) { saving_ = saving; }
-  // Replaces the privacy stage (by default: the redirector over the installed verified catalog).
+  // The stage that may redirect the tracker-cleaned link to a privacy frontend. A cleaner has
+  // none until given one (Session::makeCleaner gives the one over the installed catalog), so the
+  // cleaner itself never opens a store.
   void setPrivacyRedirectStage(PrivacyRedirectStage stage) { privacyStage_ = std::move(stage); }
 
  private:

@@ -14,16 +14,14 @@ std::shared_ptr<const VerifiedPrivacyCatalog> share(std::optional<VerifiedPrivac
   return std::make_shared<const VerifiedPrivacyCatalog>(std::move(*catalog));
 }
 
-// One file of the update: a 200 answer of at most `maxBytes`. A redirect is a failure like any
-// other answer: the metadata server serves static files and never needs one, so a redirect can
-// only come from somewhere that should not be steering our downloads.
-std::optional<std::string> download(const std::string& url, std::size_t maxBytes) {
+// One file of the update, at most `maxBytes`; any failure is the same "nothing".
+std::optional<std::string> fetch(const std::string& url, std::size_t maxBytes) {
   HttpRequest request(url);
   request.maxBytes = maxBytes;
   request.headers = {{"Accept", "application/json"}};
-  auto response = HttpClient().get(request);
-  if (!response || response->isRedirect() || response->status != 200) return std::nullopt;
-  return std::move(response->body);
+  auto body = download(std::move(request));
+  if (!body) return std::nullopt;
+  return std::move(*body);
 }
 
 }  // namespace
@@ -128,8 +126,8 @@ bool PrivacyCatalogUpdater::checkFromNetwork() {
   auto installed = share(store_.current());
   update([&] { installed_ = installed; });
 
-  const auto manifestBytes = download(PrivacyCatalogManifest::currentURL(store_.host()),
-                                      PrivacyCatalogManifest::kMaxBytes);
+  const auto manifestBytes =
+      fetch(PrivacyCatalogManifest::currentURL(store_.host()), PrivacyCatalogManifest::kMaxBytes);
   if (!manifestBytes) return false;
   const auto manifest = PrivacyCatalogManifest::parse(*manifestBytes, store_.host());
   if (!manifest) return false;
@@ -147,9 +145,9 @@ bool PrivacyCatalogUpdater::checkFromNetwork() {
       manifest->signature.bytes > kMaxSignatureEnvelopeSize) {
     return false;
   }
-  auto payload = download(manifest->payload.url, manifest->payload.bytes);
+  auto payload = fetch(manifest->payload.url, manifest->payload.bytes);
   if (!payload) return false;
-  auto signature = download(manifest->signature.url, manifest->signature.bytes);
+  auto signature = fetch(manifest->signature.url, manifest->signature.bytes);
   if (!signature) return false;
   if (!store_.validate(*manifestBytes, *payload, *signature, clock_())) return false;
 

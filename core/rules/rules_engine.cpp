@@ -136,7 +136,9 @@ Result<void> RulesEngine::validateRuleBundle(std::string_view clearURLsData,
   if (supplementaryData && !decodeProvidersFile(*supplementaryData)) {
     return fail("Supplementary JSON could not be decoded");
   }
-  RulesEngine scratch(PreferenceStore::standard(), MatchStrategy::plain);
+  // A throw-away in-memory store: validating candidate files (in the publisher, before an
+  // install) must neither read nor write the user's preferences.
+  RulesEngine scratch(PreferenceStore::open(":memory:"), MatchStrategy::plain);
   scratch.loadRuleBundle(clearURLsData, supplementaryData);
   if (scratch.compiledProviders_.empty()) return fail("No providers compiled");
   return {};

@@ -6,7 +6,6 @@
 #include <system_error>
 
 #include "base/diagnostics.h"
-#include "core/clipboard/command_guard.h"
 #include "core/rules/rules_engine.h"
 #include "core/signing/signature_verification.h"
 #include "platform/crypto/sha256.h"
@@ -22,8 +21,6 @@ namespace fs = std::filesystem;
 using File = RuleUpdateManifest::File;
 
 constexpr std::string_view kCheckFailedPrefix = "Could not check for rule updates: ";
-
-std::string httpStatusText(long status) { return "HTTP " + std::to_string(status); }
 
 std::string feedRejectedText() {
   return RuleUpdateError::invalidManifest(std::string(kSignedRuleFeedRejected)).errorDescription();
@@ -205,10 +202,6 @@ std::optional<std::string> RulesUpdater::installedVersion() const {
   return defaults_->stringForKey(kInstalledVersionKey);
 }
 
-std::optional<std::string> RulesUpdater::installedCommandGuardVersion() const {
-  return defaults_->stringForKey(kInstalledCommandGuardVersionKey);
-}
-
 std::optional<Timestamp> RulesUpdater::lastUpdateDate() const { return date(kLastUpdateDateKey); }
 
 std::optional<Timestamp> RulesUpdater::lastAutomaticCheckDate() const {
@@ -278,14 +271,11 @@ void RulesUpdater::checkForUpdates() {
                             std::size_t limit) -> tl::expected<std::string, std::string> {
     HttpRequest request(url);
     request.maxBytes = limit;
-    request.headers = {{"Accept", "application/json"}, {"User-Agent", "Linkwash/" + appVersion()}};
-    auto response = http_.get(request);
-    if (!response) return tl::unexpected(response.error().message);
-    // A redirect comes back as it is and fails here: the feed is never followed elsewhere.
-    if (response->status < 200 || response->status > 299) {
-      return tl::unexpected(httpStatusText(response->status));
-    }
-    return std::move(response->body);
+    request.headers = {{"Accept", "application/json"}};
+    // A redirect fails like any answer but 200: the feed is never followed elsewhere.
+    auto body = linkwash::download(std::move(request), http_);
+    if (!body) return tl::unexpected(std::move(body.error().message));
+    return std::move(*body);
   };
 
   auto manifest = fetch(manifestAddress, kMaxRuleManifestSize);
@@ -332,22 +322,18 @@ RuleUpdateResult<std::string> RulesUpdater::download(const File& file) {
   HttpRequest request(file.url);
   // A body longer than the signed size is cut off at once instead of being held.
   request.maxBytes = expected;
-  request.headers = {{"User-Agent", "Linkwash/" + appVersion()}};
   if (progressObserver_) {
     request.progress = [this, &file](std::size_t received, std::optional<std::size_t> total) {
       progressObserver_(DownloadProgress{file.path, received, total});
     };
   }
-  auto response = http_.get(request);
-  if (!response) {
-    if (response.error().kind == HttpErrorKind::tooLarge) return unexpectedSize();
-    return tl::unexpected(RuleUpdateError::network(response.error().message));
+  auto body = linkwash::download(std::move(request), http_);
+  if (!body) {
+    if (body.error().kind == HttpErrorKind::tooLarge) return unexpectedSize();
+    return tl::unexpected(RuleUpdateError::network(body.error().message));
   }
-  if (response->status < 200 || response->status > 299) {
-    return tl::unexpected(RuleUpdateError::network(httpStatusText(response->status)));
-  }
-  if (response->body.size() != expected) return unexpectedSize();
-  return std::move(response->body);
+  if (body->size() != expected) return unexpectedSize();
+  return std::move(*body);
 }
 
 void RulesUpdater::installAvailableUpdate() {
@@ -369,8 +355,7 @@ void RulesUpdater::installAvailableUpdate() {
         downloaded.supplementaryData = std::move(*data);
         break;
       case File::Kind::commandGuard:
-        downloaded.commandGuardData = std::move(*data);
-        break;
+        break;  // a verified release never names one
     }
   }
   installVerified(manifest, downloaded);
@@ -399,8 +384,7 @@ void RulesUpdater::installVerified(const RuleUpdateManifest& manifest,
         data = &files.supplementaryData;
         break;
       case File::Kind::commandGuard:
-        if (files.commandGuardData) data = &*files.commandGuardData;
-        break;
+        break;  // refused by verification before this point
     }
     if (data == nullptr) return fail(RuleUpdateError::missingFile(file.path));
     if (!file.bytes || static_cast<std::size_t>(*file.bytes) != data->size() ||
@@ -417,15 +401,6 @@ void RulesUpdater::installVerified(const RuleUpdateManifest& manifest,
       !valid) {
     return fail(RuleUpdateError::invalidRules(valid.error().message));
   }
-  // The signed release rules admit only the two rule files, so this is for manifests that may
-  // one day carry the command guard's rules as well.
-  std::optional<std::string> commandGuardVersion;
-  if (manifest.commandGuardFile()) {
-    if (!files.commandGuardData || !CommandGuard::decodeRuleBundle(*files.commandGuardData)) {
-      return setStatus(RulesUpdateStatus::failed("Command Guard rules were invalid."));
-    }
-    commandGuardVersion = CommandGuard::ruleBundleVersion(*files.commandGuardData);
-  }
 
   setStatus(RulesUpdateStatus::of(RulesUpdateStatus::Kind::installing));
   const SignedRuleFeed::Record record{
@@ -433,21 +408,11 @@ void RulesUpdater::installVerified(const RuleUpdateManifest& manifest,
   if (auto installed = store().install(record, floor_); !installed) {
     return fail(installed.error());
   }
-  if (commandGuardVersion) {
-    if (auto written = files::writeFileAtomically(CommandGuard::defaultInstalledRulesURL(),
-                                                  *files.commandGuardData);
-        !written) {
-      return fail(RuleUpdateError::fileSystem(written.error().message));
-    }
-  }
 
   VerifiedRuleBundleLoader::load(engine_, root_, shippedManifest_, trust_);
   const Timestamp installedAt = now();
   setDate(kLastUpdateDateKey, installedAt);
   defaults_->set(kInstalledVersionKey, PreferenceValue{manifest.currentVersion});
-  if (commandGuardVersion) {
-    defaults_->set(kInstalledCommandGuardVersionKey, PreferenceValue{*commandGuardVersion});
-  }
   availableManifest_.reset();
   pendingProof_.reset();
   setStatus(RulesUpdateStatus::installed(manifest.currentVersion, installedAt));
@@ -488,8 +453,7 @@ RuleUpdateResult<RulesUpdater::DownloadedRuleFiles> RulesUpdater::readReleaseDir
         release.supplementaryData = std::move(*bytes);
         break;
       case File::Kind::commandGuard:
-        release.commandGuardData = std::move(*bytes);
-        break;
+        break;  // verification refuses the release
     }
   }
   release.manifestData = std::move(*manifest);

@@ -112,8 +112,6 @@ class RulesUpdater {
  public:
   static constexpr std::string_view kLastUpdateDateKey = "rulesUpdater_lastUpdateDate";
   static constexpr std::string_view kInstalledVersionKey = "rulesUpdater_installedVersion";
-  static constexpr std::string_view kInstalledCommandGuardVersionKey =
-      "rulesUpdater_installedCommandGuardVersion";
   static constexpr std::string_view kLastAutomaticCheckDateKey =
       "rulesUpdater_lastAutomaticCheckDate";
   static constexpr std::string_view kAutomaticUpdateCadenceKey =
@@ -127,7 +125,6 @@ class RulesUpdater {
   struct DownloadedRuleFiles {
     std::string clearURLsData;
     std::string supplementaryData;
-    std::optional<std::string> commandGuardData;
     std::string manifestData;
     std::string signatureData;
   };
@@ -162,7 +159,6 @@ class RulesUpdater {
   // The newer verified manifest found by the last check, until it is installed.
   const std::optional<RuleUpdateManifest>& availableManifest() const { return availableManifest_; }
   std::optional<std::string> installedVersion() const;
-  std::optional<std::string> installedCommandGuardVersion() const;
   std::optional<Timestamp> lastUpdateDate() const;
   std::optional<Timestamp> lastAutomaticCheckDate() const;
   // Unknown stored values read as the defaults (never, stable).

@@ -10,6 +10,7 @@
 #include <curl/curl.h>
 
 #include "base/strings.h"
+#include "platform/resources/resource_bundle.h"
 
 namespace linkwash {
 
@@ -318,6 +319,17 @@ tl::expected<HttpResponse, HttpError> HttpClient::get(const HttpRequest& request
   if (transfer.response.isRedirect())
     transfer.response.location = transfer.response.header("location");
   return std::move(transfer.response);
+}
+
+tl::expected<std::string, HttpError> download(HttpRequest request, const HttpClient& client) {
+  request.headers.emplace_back("User-Agent", "Linkwash/" + appVersion());
+  auto response = client.get(request);
+  if (!response) return tl::unexpected(std::move(response.error()));
+  if (response->status != 200) {
+    return tl::unexpected(
+        HttpError{HttpErrorKind::status, "HTTP " + std::to_string(response->status)});
+  }
+  return std::move(response->body);
 }
 
 }  // namespace linkwash

@@ -61,6 +61,7 @@ enum class HttpErrorKind {
   truncated,   // the connection ended before the announced length
   tls,         // certificate or handshake failure
   connection,  // DNS, refused, reset
+  status,      // download(): any answer but 200, redirects included ("HTTP 404")
   other,
 };
 
@@ -74,5 +75,12 @@ class HttpClient {
   // One GET; never follows a redirect. Safe to use from several threads (one handle per call).
   tl::expected<HttpResponse, HttpError> get(const HttpRequest& request) const;
 };
+
+// How every update file is fetched (rule manifests and files, the privacy catalog): one GET of
+// `request` with "User-Agent: Linkwash/<version>" added, and only a 200 answer counts. Update
+// servers serve static files, so a redirect or any other status (even another 2xx, which a
+// static file never needs) is a failure of kind `status` rather than something to follow or
+// accept. The body cap, headers and progress of `request` apply as in get().
+tl::expected<std::string, HttpError> download(HttpRequest request, const HttpClient& client = {});
 
 }  // namespace linkwash

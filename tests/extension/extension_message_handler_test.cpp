@@ -16,17 +16,27 @@
 namespace linkwash {
 namespace {
 
-// The handler's shared objects live as long as the process, so every test of this binary shares
-// one home; each test starts from a known state instead (see HandlerTest::SetUp).
+// One session for the binary, as in the host process (loading the rules once); each test starts
+// from a known state instead (see HandlerTest::SetUp).
 class HostHome : public ::testing::Environment {
  public:
-  void SetUp() override { home_ = std::make_unique<testing::TempHome>(); }
-  void TearDown() override { home_.reset(); }
+  void SetUp() override {
+    home_ = std::make_unique<testing::TempHome>();
+    session_ = std::move(*Session::open());
+  }
+  void TearDown() override {
+    session_.reset();
+    home_.reset();
+  }
+  static Session& session() { return *session_; }
 
  private:
   std::unique_ptr<testing::TempHome> home_;
+  static inline std::unique_ptr<Session> session_;
 };
 [[maybe_unused]] auto* const kHostHome = ::testing::AddGlobalTestEnvironment(new HostHome);
+
+Session& session() { return HostHome::session(); }
 
 constexpr const char* kTrackedLink = "https://www.amazon.com/dp/B01?tag=x&utm_source=y";
 constexpr const char* kTrackedLinkCleaned = "https://www.amazon.com/dp/B01";
@@ -34,21 +44,22 @@ constexpr const char* kTrackedLinkCleaned = "https://www.amazon.com/dp/B01";
 class HandlerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    auto store = sharedStandardStore();
+    session().setPrivacyRedirectStage(catalogPrivacyStage());
+    PreferenceStore& store = session().standardStore();
     for (std::string_view key :
          {PrivacyRedirectSettings::kXRedirectChoiceKey,
           PrivacyRedirectSettings::kXRedirectEnabledKey,
           PrivacyRedirectSettings::kRedditRedirectEnabledKey, DomainExceptionStore::kStorageKey}) {
-      store->remove(key);
+      store.remove(key);
     }
-    sharedExceptionStore().refresh();
-    sharedLastCleanRecorder().clear();
+    session().exceptions().refresh();
+    session().lastCleanRecorder().clear();
   }
 
   Json ask(const Json& message) const { return handler_.handle(message); }
 
   std::shared_ptr<MemoryPasteboard> pasteboard_ = std::make_shared<MemoryPasteboard>();
-  ExtensionMessageHandler handler_{pasteboard_};
+  ExtensionMessageHandler handler_{session(), pasteboard_};
 };
 
 TEST_F(HandlerTest, AnythingButAKnownActionIsAnUnknownAction) {
@@ -69,8 +80,8 @@ TEST_F(HandlerTest, CleanURLAnswersByOutcome) {
                            {"cleanedURL", kTrackedLinkCleaned},
                            {"paramsRemoved", 2},
                            {"removedQueryParameters", {"tag", "utm_source"}}}));
-  ASSERT_TRUE(sharedLastCleanRecorder().current());
-  EXPECT_EQ(sharedLastCleanRecorder().current()->surface, kExtensionSurface);
+  ASSERT_TRUE(session().lastCleanRecorder().current());
+  EXPECT_EQ(session().lastCleanRecorder().current()->surface, kExtensionSurface);
 
   const Json notCleaned = {{"cleaned", false}};
   EXPECT_EQ(ask({{"action", "cleanURL"}, {"url", "https://en.wikipedia.org/wiki/URL"}}),
@@ -85,7 +96,7 @@ TEST_F(HandlerTest, CleanURLAnswersByOutcome) {
 }
 
 TEST_F(HandlerTest, RedirectedCleansCarryTheRedirectAndTheCurrentChoice) {
-  handler_.setPrivacyRedirectStage(
+  session().setPrivacyRedirectStage(
       [](std::string_view link,
          const PrivacyRedirectSettings&) -> std::optional<PrivacyRedirectResult> {
         if (link.find("reddit.com") == std::string_view::npos) return std::nullopt;
@@ -128,7 +139,7 @@ TEST_F(HandlerTest, DomainSwitchesNormalizeHostsAndRefuseBadFlags) {
   EXPECT_EQ(ask({{"action", "setDomainDisabled"}, {"disabled", true}}), refused);
   EXPECT_EQ(ask({{"action", "setDomainDisabled"}, {"url", "mailto:a@a.org"}, {"disabled", true}}),
             refused);
-  EXPECT_FALSE(sharedExceptionStore().isDisabled("a.org"));
+  EXPECT_FALSE(session().exceptions().isDisabled("a.org"));
 
   // An empty host falls through to the link's host.
   EXPECT_EQ(ask({{"action", "setDomainDisabled"},
@@ -136,7 +147,7 @@ TEST_F(HandlerTest, DomainSwitchesNormalizeHostsAndRefuseBadFlags) {
                  {"url", "https://www.example.com/x"},
                  {"disabled", false}}),
             (Json{{"ok", true}, {"host", "example.com"}, {"disabled", false}}));
-  EXPECT_FALSE(sharedExceptionStore().isDisabled("example.com"));
+  EXPECT_FALSE(session().exceptions().isDisabled("example.com"));
 }
 
 TEST_F(HandlerTest, LastCleanIsOfferedOnItsOwnSiteAndTakenOnce) {
@@ -149,13 +160,13 @@ TEST_F(HandlerTest, LastCleanIsOfferedOnItsOwnSiteAndTakenOnce) {
                  {"originalURL", "https://www.shop.com/?a=1"},
                  {"cleanedURL", 5}}),
             (Json{{"recorded", false}}));
-  EXPECT_FALSE(sharedLastCleanRecorder().current());
+  EXPECT_FALSE(session().lastCleanRecorder().current());
 
   EXPECT_EQ(ask({{"action", "recordContentClean"},
                  {"originalURL", "https://www.shop.com/?a=1"},
                  {"cleanedURL", "https://www.shop.com/"}}),
             (Json{{"recorded", true}}));
-  EXPECT_EQ(sharedLastCleanRecorder().current()->surface, kContentScriptSurface);
+  EXPECT_EQ(session().lastCleanRecorder().current()->surface, kContentScriptSurface);
 
   const Json available = {{"available", true},
                           {"originalURL", "https://www.shop.com/?a=1"},
@@ -175,7 +186,7 @@ TEST_F(HandlerTest, LastCleanIsOfferedOnItsOwnSiteAndTakenOnce) {
 }
 
 TEST_F(HandlerTest, XRedirectChoiceIsStoredOnlyWhenValidAndTheFlagAlwaysOff) {
-  auto store = sharedStandardStore();
+  PreferenceStore* store = &session().standardStore();
   EXPECT_EQ(ask({{"action", "getXRedirectChoice"}}), (Json{{"ok", true}, {"choice", "off"}}));
   EXPECT_EQ(ask({{"action", "setXRedirectChoice"}, {"choice", "twitterViewer"}}),
             (Json{{"ok", true}, {"choice", "twitterViewer"}}));
@@ -210,7 +221,7 @@ TEST_F(HandlerTest, MissedReportDescribesTheCleanOrTheGivenLinks) {
             std::string::npos);
   EXPECT_NE(body.find("\"surface\" : \"Safari Extension\""), std::string::npos);
   EXPECT_EQ(tracked["mailtoURL"].get<std::string>().rfind("mailto:", 0), 0u);
-  EXPECT_EQ(sharedLastCleanRecorder().current()->surface, kExtensionReportSurface);
+  EXPECT_EQ(session().lastCleanRecorder().current()->surface, kExtensionReportSurface);
 
   // Nothing to clean: the page's own idea of the cleaned link and the note are reported.
   const Json given = ask({{"action", "buildMissedReport"},

@@ -15,7 +15,6 @@
 #include "base/strings.h"
 #include "core/cleaning/url_cleaner.h"
 #include "tools/cli/commands.h"
-#include "tools/cli/engine_setup.h"
 
 namespace linkwash::cli {
 namespace {
@@ -122,26 +121,18 @@ std::string render(const CleanOutcome& outcome, std::string_view line, Format fo
 }
 
 int runClean(const CleanOptions& options) {
-  std::unique_ptr<RulesEngine> engine;
-  if (!options.rulesFile.empty()) {
-    auto opened = openRulesEngineFrom(options.rulesFile,
-                                      options.supplementaryFile.empty()
-                                          ? std::nullopt
-                                          : std::optional<std::string>(options.supplementaryFile));
-    if (!opened) {
-      std::cerr << "linkwash clean: " << opened.error().message << '\n';
-      return 1;
-    }
-    engine = std::move(*opened);
-  } else {
-    engine = openRulesEngine();
+  SessionOptions sessionOptions;
+  if (!options.rulesFile.empty()) sessionOptions.rulesFile = options.rulesFile;
+  if (!options.supplementaryFile.empty())
+    sessionOptions.supplementaryFile = options.supplementaryFile;
+  auto opened = Session::open(std::move(sessionOptions));
+  if (!opened) {
+    std::cerr << "linkwash clean: " << opened.error().message << '\n';
+    return 1;
   }
-  auto defaults = PreferenceStore::standard();
-  auto group = PreferenceStore::suite(kAppGroupIdentifier);
-  DomainExceptionStore exceptions(defaults);
-  LastCleanRecorder recorder;
-  URLCleaner cleaner(*engine, &exceptions, &recorder, std::string(kSurface),
-                     PrivacyRedirectSettings::fromStore(*defaults, group.get()));
+  Session& session = **opened;
+  RulesEngine* engine = &session.rulesEngine();
+  URLCleaner cleaner = session.makeCleaner(std::string(kSurface));
   // Saving after every link would make a stream crawl; counts are saved on a timer and at the end.
   cleaner.setMatchCountSaving(URLCleaner::MatchCountSaving::deferred);
   const Format format =

@@ -3,8 +3,15 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <memory>
+
+#include "core/session/session.h"
 
 namespace linkwash::cli {
+
+// The session a command works on, with the installed or shipped rules (opening one without rule
+// files cannot fail).
+inline std::unique_ptr<Session> openSession() { return std::move(*Session::open()); }
 
 void addDefaultsCommand(CLI::App& app, int& exitCode);
 void addRulesCommand(CLI::App& app, int& exitCode);

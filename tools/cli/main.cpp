@@ -2,6 +2,7 @@
 // library's.
 #include <cstdio>
 
+#include "base/diagnostics.h"
 #include "tools/cli/commands.h"
 
 int main(int argc, char** argv) {
@@ -12,6 +13,8 @@ int main(int argc, char** argv) {
   app.name("linkwash");
   app.require_subcommand(1);
   app.set_version_flag("--version", std::string("linkwash ") + LINKWASH_VERSION);
+  // Commands print their data on standard output; the library's warnings must not mix with it.
+  linkwash::setDiagnosticSink(linkwash::standardErrorSink());
   int exitCode = 0;
   linkwash::cli::addCleanCommand(app, exitCode);
   linkwash::cli::addSitesCommand(app, exitCode);

@@ -10,20 +10,18 @@
 #include "core/privacy/privacy_redirector.h"
 #include "core/privacy/x_redirect_settings_view.h"
 #include "tools/cli/commands.h"
-#include "tools/cli/engine_setup.h"
 
 namespace linkwash::cli {
 namespace {
 
 using View = XRedirectSettingsView;
 
-// The stores and catalog the screen works on, opened the way every Linkwash program opens them.
+// The stores and catalog the screen works on, those of the session every program opens.
 struct Screen {
-  std::shared_ptr<PreferenceStore> defaults = PreferenceStore::standard();
-  std::shared_ptr<PreferenceStore> group = PreferenceStore::suite(kAppGroupIdentifier);
-  PrivacyCatalogUpdater updater{PrivacyCatalogStore::shared()};
+  std::unique_ptr<Session> session = openSession();
+  PrivacyCatalogUpdater updater{session->privacyCatalogStore()};
   // The browser host reads the stores on every request, so nobody needs telling of a change.
-  View view{*defaults, group.get(), updater, [] {}};
+  View view{session->standardStore(), &session->groupStore(), updater, [] {}};
 
   Screen() { view.appear(); }
 };
@@ -60,7 +58,7 @@ void render(const Screen& screen) {
     std::cout << nitter.listCaption << '\n';
   }
 
-  const auto settings = PrivacyRedirectSettings::fromStore(*screen.defaults, screen.group.get());
+  const auto settings = screen.session->redirectSettings();
   const auto frontend = PrivacyRedirector::normalizedFrontendBaseURL(
       settings.redditFrontendBaseURL, PrivacyRedirectSettings::kDefaultRedditFrontendBaseURL);
   std::cout << "\nReddit links: "
@@ -141,11 +139,11 @@ int runReddit(const std::string& value, const std::optional<std::string>& fronte
     return 1;
   }
   Screen screen;
-  screen.defaults->set(PrivacyRedirectSettings::kRedditRedirectEnabledKey,
-                       PreferenceValue{*enabled});
+  screen.session->standardStore().set(PrivacyRedirectSettings::kRedditRedirectEnabledKey,
+                                      PreferenceValue{*enabled});
   if (frontend) {
-    screen.defaults->set(PrivacyRedirectSettings::kRedditFrontendBaseURLKey,
-                         PreferenceValue{*frontend});
+    screen.session->standardStore().set(PrivacyRedirectSettings::kRedditFrontendBaseURLKey,
+                                        PreferenceValue{*frontend});
   }
   render(screen);
   return 0;

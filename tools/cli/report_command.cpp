@@ -9,7 +9,6 @@
 #include "core/stats/missed_tracker_report.h"
 #include "platform/resources/resource_bundle.h"
 #include "tools/cli/commands.h"
-#include "tools/cli/engine_setup.h"
 
 namespace linkwash::cli {
 namespace {
@@ -22,12 +21,9 @@ struct ReportOptions {
 };
 
 int runReport(const ReportOptions& o) {
-  auto engine = openRulesEngine();
-  auto defaults = PreferenceStore::standard();
-  auto group = PreferenceStore::suite(kAppGroupIdentifier);
-  DomainExceptionStore exceptions(defaults);
-  URLCleaner cleaner(*engine, &exceptions, nullptr, "linuxCommandLineReport",
-                     PrivacyRedirectSettings::fromStore(*defaults, group.get()));
+  auto session = openSession();
+  RulesEngine* engine = &session->rulesEngine();
+  URLCleaner cleaner = session->makeCleaner("linuxCommandLineReport");
   auto outcome = cleaner.cleanWithOutcome(o.url);
   CleanResult result;
   if (outcome.kind == CleanOutcome::Kind::cleaned) {

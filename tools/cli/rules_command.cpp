@@ -10,7 +10,6 @@
 #include "core/rules/rules_engine.h"
 #include "platform/fs/files.h"
 #include "tools/cli/commands.h"
-#include "tools/cli/engine_setup.h"
 
 namespace linkwash::cli {
 namespace {
@@ -20,7 +19,13 @@ int failWith(std::string_view subcommand, std::string_view message) {
   return 1;
 }
 
-std::unique_ptr<RulesEngine> openEngine() { return openRulesEngine(); }
+// The session's engine, reached with `->`, kept alive with its session.
+struct OpenedEngine {
+  std::unique_ptr<Session> session = openSession();
+  RulesEngine* operator->() { return &session->rulesEngine(); }
+};
+
+OpenedEngine openEngine() { return {}; }
 
 std::optional<std::string> readInput(const std::string& path) {
   if (path == "-") {
@@ -150,12 +155,12 @@ int runValidate(const std::string& dataPath, const std::string& supplementaryPat
     supplementary = files::readFile(supplementaryPath);
     if (!supplementary) return failWith("validate", "cannot read " + supplementaryPath);
   }
-  setDiagnosticSink(standardErrorSink());
   auto result = RulesEngine::validateRuleBundle(
       *data, supplementary ? std::optional<std::string_view>(*supplementary) : std::nullopt);
   if (!result) return failWith("validate", "invalid rules: " + result.error().message);
   // Count what compiles so the maker sees dropped providers at a glance.
-  RulesEngine scratch(PreferenceStore::standard(), MatchStrategy::plain);
+  // A throw-away store: checking candidate files must not touch the user's preferences.
+  RulesEngine scratch(PreferenceStore::open(":memory:"), MatchStrategy::plain);
   scratch.loadRuleBundle(
       *data, supplementary ? std::optional<std::string_view>(*supplementary) : std::nullopt);
   std::cout << "valid: " << scratch.compiledProviders().size() << " providers compiled\n";

@@ -13,7 +13,6 @@
 #include "core/updates/rules_updater.h"
 #include "platform/prefs/preference_store.h"
 #include "tools/cli/commands.h"
-#include "tools/cli/engine_setup.h"
 
 namespace linkwash::cli {
 namespace {
@@ -30,21 +29,6 @@ Timestamp currentTime() {
 std::string dateOrNever(std::optional<Timestamp> date) {
   return date ? formatDisplayDate(*date) : "never";
 }
-
-// The updater on the shared store, with an engine that is loaded only when a command needs one.
-struct Session {
-  Session()
-      : defaults(PreferenceStore::suite(kAppGroupIdentifier)),
-        engine(std::make_unique<RulesEngine>(PreferenceStore::standard())),
-        updater(std::make_unique<RulesUpdater>(*engine, defaults)) {
-    // Standard output carries the results; the library's warnings must not mix with them.
-    setDiagnosticSink(standardErrorSink());
-  }
-
-  std::shared_ptr<PreferenceStore> defaults;
-  std::unique_ptr<RulesEngine> engine;
-  std::unique_ptr<RulesUpdater> updater;
-};
 
 // One line on standard error, rewritten in place while a file downloads; only on a terminal,
 // so that logs and scripts see just the outcome.
@@ -108,8 +92,8 @@ void printNextCheck(const RulesUpdater& updater) {
 }
 
 int runUpdate(bool checkOnly, bool ifDue, const std::string& channel) {
-  Session session;
-  RulesUpdater& updater = *session.updater;
+  auto session = openSession();
+  RulesUpdater& updater = session->rulesUpdater();
   if (!channel.empty()) updater.setSelectedChannel(*ruleUpdateChannelFromRawValue(channel));
   updater.loadPreferringAppSupport();
   ProgressLine progress(updater);
@@ -141,14 +125,14 @@ int runUpdate(bool checkOnly, bool ifDue, const std::string& channel) {
 int runInstallRelease(const std::string& dir) {
   auto release = RulesUpdater::readReleaseDirectory(dir);
   if (!release) return failWith("install-release", release.error().errorDescription());
-  Session session;
-  session.updater->installRelease(*release);
-  return report(session.updater->updateStatus());
+  auto session = openSession();
+  session->rulesUpdater().installRelease(*release);
+  return report(session->rulesUpdater().updateStatus());
 }
 
 int runStatus() {
-  Session session;
-  const RulesUpdater& updater = *session.updater;
+  auto session = openSession();
+  const RulesUpdater& updater = session->rulesUpdater();
   if (const auto installed = updater.verifiedInstalledVersion()) {
     std::cout << "Rules in use: " << *installed << " (installed release)\n";
   } else {
@@ -165,8 +149,8 @@ int runStatus() {
 }
 
 int runAuto(const std::string& raw) {
-  Session session;
-  RulesUpdater& updater = *session.updater;
+  auto session = openSession();
+  RulesUpdater& updater = session->rulesUpdater();
   updater.setAutomaticUpdateCadence(*ruleUpdateCadenceFromRawValue(raw));
   std::cout << "Automatic updates: " << displayName(updater.automaticUpdateCadence()) << '\n';
   printNextCheck(updater);

@@ -27,7 +27,8 @@ int runSwitch(const std::string& hostOrURL, bool disable) {
               << "\" is neither a host name (example.com) nor an http(s) link\n";
     return 1;
   }
-  DomainExceptionStore store(PreferenceStore::standard());
+  auto session = openSession();
+  DomainExceptionStore& store = session->exceptions();
   if (disable) {
     store.disable(*host);
     std::cout << "cleaning is off for " << *host << '\n';
@@ -53,8 +54,8 @@ void addSitesCommand(CLI::App& app, int& exitCode) {
   auto target = std::make_shared<std::string>();
 
   sites->add_subcommand("list", "Show the sites on which cleaning is off")->callback([&exitCode] {
-    DomainExceptionStore store(PreferenceStore::standard());
-    for (const auto& site : store.disabledDomains()) std::cout << site.host << '\n';
+    auto session = openSession();
+    for (const auto& site : session->exceptions().disabledDomains()) std::cout << site.host << '\n';
     exitCode = 0;
   });
   for (bool disable : {true, false}) {
