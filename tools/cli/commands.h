@@ -16,5 +16,9 @@ void addReportCommand(CLI::App& app, int& exitCode);
 void addRedirectCommand(CLI::App& app, int& exitCode);
 void addCatalogCommand(CLI::App& app, int& exitCode);
 void addGuardCommand(CLI::App& app, int& exitCode);
+// resolve, map, archive, share.
+void addLinkCommands(CLI::App& app, int& exitCode);
+// stats (with export, reset, collection) and status.
+void addStatsCommands(CLI::App& app, int& exitCode);
 
 }  // namespace linkwash::cli
