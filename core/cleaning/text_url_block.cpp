@@ -3,17 +3,36 @@
 #include <algorithm>
 
 #include "base/strings.h"
-#include "platform/regex/regex.h"
 #include "platform/url/url_components.h"
 
 namespace linkwash {
 namespace {
 
-// Compiled once; if ICU ever refused it, no text would yield a link, which is the safe answer.
-const Regex* schemePattern() {
-  static const std::optional<Regex> pattern =
-      Regex::compile("(?i)[a-z][a-z0-9+.-]*://", RegexOptions::caseInsensitive);
-  return pattern ? &*pattern : nullptr;
+bool isSchemeByte(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '+' ||
+         c == '.' || c == '-';
+}
+
+bool isAsciiLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+// The matches of "(?i)[a-z][a-z0-9+.-]*://" from left to right, not overlapping, as a regex
+// engine finds them: for each "://", the leftmost letter that starts an unbroken run of scheme
+// characters up to it. Written out because a backtracking engine spends most of a large block
+// retrying that pattern at every letter of ordinary prose.
+std::vector<TextRange> schemeMatches(std::string_view text) {
+  std::vector<TextRange> found;
+  std::size_t searchFrom = 0;
+  for (std::size_t k = text.find("://"); k != std::string_view::npos; k = text.find("://", k + 1)) {
+    if (k < searchFrom) continue;
+    std::size_t runStart = k;
+    while (runStart > searchFrom && isSchemeByte(text[runStart - 1])) --runStart;
+    std::size_t start = runStart;
+    while (start < k && !isAsciiLetter(text[start])) ++start;
+    if (start == k) continue;
+    found.push_back({start, k + 3});
+    searchFrom = k + 3;
+  }
+  return found;
 }
 
 bool isRefusedScalar(char32_t c) {
@@ -92,15 +111,13 @@ bool isValidCandidate(std::string_view candidate, std::string_view textBefore) {
 
 std::vector<TextURLBlock::Match> findLinks(std::string_view text) {
   std::vector<TextURLBlock::Match> found;
-  const Regex* pattern = schemePattern();
-  if (pattern == nullptr) return found;
   std::size_t acceptedEnd = 0;
-  for (const auto& schemeMatch : pattern->allMatches(text)) {
-    const std::size_t start = schemeMatch.ranges[0]->begin;
+  for (const auto& schemeMatch : schemeMatches(text)) {
+    const std::size_t start = schemeMatch.begin;
     if (start < acceptedEnd) continue;
     const std::string_view candidate =
         trimCandidate(text.substr(start, candidateEnd(text, start) - start));
-    if (candidate.empty() || pattern->allMatches(candidate).size() != 1) continue;
+    if (candidate.empty() || schemeMatches(candidate).size() != 1) continue;
     if (!isValidCandidate(candidate, text.substr(0, start))) continue;
     acceptedEnd = start + candidate.size();
     found.push_back({std::string(candidate), {start, acceptedEnd}});

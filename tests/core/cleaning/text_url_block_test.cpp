@@ -24,6 +24,7 @@ TEST(TextURLBlockTest, FindsWebLinksConservatively) {
       // Two schemes in one candidate refuse it; the inner link is then examined on its own.
       {"https://a.com/?u=https://b.com", {"https://b.com"}},
       {"x https://a.com/?q=1;", {"https://a.com/?q=1"}},
+      {"xhttps://a.com 1+https://b.com a://x https://c.com", {"https://b.com", "https://c.com"}},
       {"tab\thttps://a.com\r\nnext https://b.com/é", {"https://a.com", "https://b.com/é"}},
   };
   for (const auto& c : cases) {
