@@ -14,6 +14,7 @@
 
 #include "core/privacy/privacy_redirect_info.h"
 #include "core/rules/rule_category.h"
+#include "core/rules/tracking_impact.h"
 #include "platform/json/json_writer.h"
 
 namespace linkwash {
@@ -70,6 +71,10 @@ struct CleanResult {
 
   // True exactly when the two links differ as strings.
   bool wasModified() const { return originalURL != cleanedURL; }
+  // What the removed trackers were for and how much they mattered.
+  TrackingImpactReport trackingImpactReport() const {
+    return TrackingImpactAnalyzer::analyze(matchedCategories, paramsRemoved, wasModified());
+  }
   // A copy with `operation` appended and, when given, `cleanedURL` replaced; nothing else changes.
   CleanResult appendingOperation(CleanOperation operation,
                                  std::optional<std::string> newCleanedURL = std::nullopt) const;

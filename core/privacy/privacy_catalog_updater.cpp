@@ -3,8 +3,10 @@
 
 #include <utility>
 
+#include "core/awareness/update_awareness.h"
 #include "core/signing/signature_verification.h"
 #include "platform/http/http_client.h"
+#include "platform/prefs/preference_store.h"
 
 namespace linkwash {
 namespace {
@@ -102,6 +104,16 @@ bool PrivacyCatalogUpdater::begin(std::string_view status) {
   return true;
 }
 
+void PrivacyCatalogUpdater::reportToAwareness(std::optional<std::uint64_t> newest,
+                                              std::optional<std::uint64_t> installed) const {
+  auto text = [](std::optional<std::uint64_t> v) {
+    return v ? std::optional(std::to_string(*v)) : std::nullopt;
+  };
+  (void)UpdateAwareness(PreferenceStore::standard())
+      .recordCheck(UpdateClass::catalog, text(newest), text(installed),
+                   static_cast<double>(clock_()));
+}
+
 void PrivacyCatalogUpdater::reload() {
   auto installed = share(store_.current());
   update([&] { installed_ = std::move(installed); });
@@ -131,6 +143,8 @@ bool PrivacyCatalogUpdater::checkFromNetwork() {
   if (!manifestBytes) return false;
   const auto manifest = PrivacyCatalogManifest::parse(*manifestBytes, store_.host());
   if (!manifest) return false;
+  reportToAwareness(manifest->version,
+                    installed ? std::optional(installed->catalog().version) : std::nullopt);
   if (installed && manifest->version <= installed->catalog().version) {
     update([&] {
       status_ = std::string(kUpToDate);
@@ -174,6 +188,7 @@ void PrivacyCatalogUpdater::install() {
   auto current = installed ? share(store_.current()) : nullptr;
   update([&] {
     if (installed) {
+      reportToAwareness(std::nullopt, pending->version);
       installed_ = std::move(current);
       pending_.reset();
       availableVersion_.reset();

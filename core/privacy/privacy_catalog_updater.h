@@ -88,6 +88,9 @@ class PrivacyCatalogUpdater {
   void notify();
   bool begin(std::string_view status);
   bool checkFromNetwork();
+  // Tells the update-awareness state what a check found or an install put in place.
+  void reportToAwareness(std::optional<std::uint64_t> newest,
+                         std::optional<std::uint64_t> installed) const;
 
   PrivacyCatalogStore store_;
   std::shared_ptr<const VerifiedPrivacyCatalog> fallback_;

@@ -2,6 +2,8 @@
 // checks are due.
 #include "core/updates/rules_updater.h"
 
+#include "core/awareness/update_awareness.h"
+
 #include <ctime>
 #include <system_error>
 
@@ -244,6 +246,12 @@ std::optional<RuleUpdateManifest> RulesUpdater::activeManifest() const {
   return RuleUpdateManifest::decode(*bytes);
 }
 
+void RulesUpdater::reportToAwareness(const std::optional<std::string>& newest,
+                                     const std::optional<std::string>& installed) {
+  const double seconds = static_cast<double>(now().time_since_epoch().count());
+  (void)UpdateAwareness(defaults_).recordCheck(UpdateClass::rules, newest, installed, seconds);
+}
+
 void RulesUpdater::setStatus(RulesUpdateStatus status) {
   status_ = std::move(status);
   if (statusObserver_) statusObserver_(status_);
@@ -300,6 +308,7 @@ void RulesUpdater::checkForUpdates() {
   const auto installed = installedVersion();
   const auto installedParsed = installed ? RulesVersion::parse(*installed) : std::nullopt;
   const auto offered = RulesVersion::parse(verified->currentVersion);
+  reportToAwareness(verified->currentVersion, installed);
   if (!installedParsed || *offered > *installedParsed) {
     availableManifest_ = *verified;
     pendingProof_ = std::move(proof);
@@ -415,6 +424,7 @@ void RulesUpdater::installVerified(const RuleUpdateManifest& manifest,
   defaults_->set(kInstalledVersionKey, PreferenceValue{manifest.currentVersion});
   availableManifest_.reset();
   pendingProof_.reset();
+  reportToAwareness(std::nullopt, manifest.currentVersion);
   setStatus(RulesUpdateStatus::installed(manifest.currentVersion, installedAt));
 }
 

@@ -219,6 +219,9 @@ class RulesUpdater {
 
  private:
   void setStatus(RulesUpdateStatus status);
+  // Tells the update-awareness state what a check found or an install put in place.
+  void reportToAwareness(const std::optional<std::string>& newest,
+                         const std::optional<std::string>& installed);
   void fail(const RuleUpdateError& error) {
     setStatus(RulesUpdateStatus::failed(error.errorDescription()));
   }

@@ -15,12 +15,12 @@
 #include "base/strings.h"
 #include "core/cleaning/url_cleaner.h"
 #include "tools/cli/commands.h"
+#include "tools/cli/link_commands.h"
 
 namespace linkwash::cli {
 namespace {
 
 constexpr auto kSaveInterval = std::chrono::seconds(5);
-constexpr std::string_view kSurface = "linuxCommandLine";
 
 std::atomic<int> stopSignal{0};
 
@@ -41,6 +41,8 @@ struct CleanOptions {
   std::vector<std::string> urls;
   bool json = false;
   bool explain = false;
+  bool text = false;
+  bool count = false;
   std::string rulesFile;
   std::string supplementaryFile;
 };
@@ -92,7 +94,7 @@ std::string describeOutcome(const CleanOutcome& outcome, std::string_view line) 
     text += "  privacy frontend: " + r.privacyRedirect->originalHost + " -> " +
             r.privacyRedirect->frontendHost + "\n";
   }
-  return text;
+  return text + describeTrackingImpact(r);
 }
 
 std::string render(const CleanOutcome& outcome, std::string_view line, Format format) {
@@ -121,6 +123,10 @@ std::string render(const CleanOutcome& outcome, std::string_view line, Format fo
 }
 
 int runClean(const CleanOptions& options) {
+  if (options.text) {
+    return runCleanText(
+        {options.urls, options.explain, options.rulesFile, options.supplementaryFile});
+  }
   SessionOptions sessionOptions;
   if (!options.rulesFile.empty()) sessionOptions.rulesFile = options.rulesFile;
   if (!options.supplementaryFile.empty())
@@ -132,15 +138,21 @@ int runClean(const CleanOptions& options) {
   }
   Session& session = **opened;
   RulesEngine* engine = &session.rulesEngine();
-  URLCleaner cleaner = session.makeCleaner(std::string(kSurface));
+  URLCleaner cleaner = session.makeCleaner(std::string(kCommandLineSurface));
   // Saving after every link would make a stream crawl; counts are saved on a timer and at the end.
   cleaner.setMatchCountSaving(URLCleaner::MatchCountSaving::deferred);
   const Format format =
       options.explain ? Format::explain : (options.json ? Format::json : Format::plain);
 
+  // Links a person names are counted in the statistics; a stream only when asked, since a
+  // pipeline's millions of links are not someone's browsing.
+  std::optional<CleanCounter> counter;
+  if (!options.urls.empty() || options.count) counter.emplace();
   if (!options.urls.empty()) {
     for (const auto& url : options.urls) {
-      std::cout << render(cleaner.cleanWithOutcome(url), url, format);
+      const CleanOutcome outcome = cleaner.cleanWithOutcome(url);
+      counter->add(outcome);
+      std::cout << render(outcome, url, format);
     }
     engine->saveMatchCounts();
     return 0;
@@ -158,7 +170,9 @@ int runClean(const CleanOptions& options) {
   while (stopSignal.load() == 0 && (length = getline(&line, &capacity, stdin)) >= 0) {
     std::string_view text(line, static_cast<std::size_t>(length));
     if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-    const std::string out = render(cleaner.cleanWithOutcome(text), text, format);
+    const CleanOutcome outcome = cleaner.cleanWithOutcome(text);
+    if (counter) counter->add(outcome);
+    const std::string out = render(outcome, text, format);
     std::fwrite(out.data(), 1, out.size(), stdout);
     if (interactive) std::fflush(stdout);
     // Checking the clock every few hundred lines keeps the timer off the per-line cost.
@@ -190,7 +204,15 @@ void addCleanCommand(CLI::App& app, int& exitCode) {
                   "One JSON object per line: the clean result, or {\"outcome\":...} when the link "
                   "was not changed");
   clean->add_flag("--explain", options->explain,
-                  "Describe each clean for a person: steps, removed parameters, matched rules");
+                  "Describe each clean for a person: steps, removed parameters, matched rules, "
+                  "tracking impact");
+  clean->add_flag("--text", options->text,
+                  "Treat the arguments as files (none: standard input) of whole text and clean "
+                  "every link inside it, leaving all other bytes as they are; with --explain, "
+                  "describe each link found instead of printing the text");
+  clean->add_flag("--count", options->count,
+                  "Count the links of a standard-input stream in the statistics (links given as "
+                  "arguments and --text are always counted)");
   auto* rules = clean->add_option("--rules", options->rulesFile,
                                   "Clean with this ClearURLs-format provider file for this run");
   clean

@@ -24,5 +24,9 @@ void addRedirectCommand(CLI::App& app, int& exitCode);
 void addCatalogCommand(CLI::App& app, int& exitCode);
 void addGuardCommand(CLI::App& app, int& exitCode);
 void addBrowserCommand(CLI::App& app, int& exitCode);
+// resolve, map, archive, share.
+void addLinkCommands(CLI::App& app, int& exitCode);
+// stats (with export, reset, collection) and status.
+void addStatsCommands(CLI::App& app, int& exitCode);
 
 }  // namespace linkwash::cli

@@ -25,6 +25,8 @@ int main(int argc, char** argv) {
   linkwash::cli::addRedirectCommand(app, exitCode);
   linkwash::cli::addCatalogCommand(app, exitCode);
   linkwash::cli::addBrowserCommand(app, exitCode);
+  linkwash::cli::addLinkCommands(app, exitCode);
+  linkwash::cli::addStatsCommands(app, exitCode);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
