@@ -355,6 +355,8 @@ void ClipboardMonitor::clearLastCommandRisk() {
   removeStoredRisk();
 }
 
+void ClipboardMonitor::copyText(const std::string& text) { writePasteboard(text); }
+
 void ClipboardMonitor::removeStoredRisk() {
   if (defaults_->object(kGuardLastRiskKey)) defaults_->remove(kGuardLastRiskKey);
 }

@@ -107,6 +107,9 @@ class ClipboardMonitor {
   // Switches cleaning off for the host of the last clean and returns it.
   std::optional<std::string> disableLastDomain();
   void clearLastCommandRisk();
+  // Puts `text` on the clipboard as the monitor's own write, which is not processed (a report the
+  // user asked to copy, for example).
+  void copyText(const std::string& text);
   void recordFunctionalTransformation(const CleanOperation& operation);
   void reloadCommandGuard(CommandGuard commandGuard);
   // Rereads the four settings and the notification switches (another process may have changed

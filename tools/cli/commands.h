@@ -16,5 +16,7 @@ void addReportCommand(CLI::App& app, int& exitCode);
 void addRedirectCommand(CLI::App& app, int& exitCode);
 void addCatalogCommand(CLI::App& app, int& exitCode);
 void addGuardCommand(CLI::App& app, int& exitCode);
+void addWatchCommand(CLI::App& app, int& exitCode);
+void addClipboardCommand(CLI::App& app, int& exitCode);
 
 }  // namespace linkwash::cli
