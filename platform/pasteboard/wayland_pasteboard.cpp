@@ -217,7 +217,8 @@ class DataControlOf final : public DataControl {
   }
 
   void offerText(const std::vector<std::string>& types) override {
-    if (source_ != nullptr) P::destroySource(source_);
+    // The previous source stays until the compositor cancels it: destroying it first would clear
+    // the selection in between, which looks like someone else's change.
     source_ = P::createSource(manager_);
     P::listen(source_, &kSourceListener, this);
     for (const auto& type : types) P::offer(source_, type.c_str());
