@@ -8,8 +8,10 @@
 #include <cstdio>
 
 #include "base/diagnostics.h"
+#include "core/clipboard/clipboard_control.h"
 #include "extension/extension_message_handler.h"
 #include "extension/native_messaging.h"
+#include "platform/pasteboard/desktop_pasteboard.h"
 
 int main() {
   using namespace linkwash;
@@ -28,6 +30,10 @@ int main() {
     std::perror("linkwash-host: cannot set up standard output");
     return 1;
   }
+
+  // "copyMissedReport" puts the report on the desktop clipboard (through the clipboard daemon
+  // when it runs); without a display it stays in memory.
+  setGeneralPasteboard(std::make_shared<DaemonFirstPasteboard>(makeLazyDesktopPasteboard()));
 
   const ExtensionMessageHandler handler;
   return serveNativeMessaging(STDIN_FILENO, replies,

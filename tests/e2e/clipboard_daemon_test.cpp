@@ -95,8 +95,8 @@ class DaemonTest : public ::testing::Test {
         {(testing::binDir() / "linkwash").string(), "watch", "--backend", backend, "--verbose"},
         "daemon");
     ASSERT_GT(daemon_, 0);
-    ASSERT_TRUE(testing::waitUntil([&] { return runner_->status().has_value(); },
-                                   std::chrono::seconds(10)))
+    ASSERT_TRUE(
+        testing::waitUntil([&] { return runner_->status().has_value(); }, std::chrono::seconds(10)))
         << readAll(home_.path() / "scratch" / "daemon" / "stderr");
   }
   int stopDaemon() {
@@ -145,15 +145,14 @@ class X11DaemonTest : public DaemonTest {
 TEST_F(X11DaemonTest, CleansGuardsRestoresAndNotifies) {
   ASSERT_TRUE(std::getenv("DBUS_SESSION_BUS_ADDRESS")) << "run under dbus-run-session";
   auto log = home_.path() / "notifications.log";
-  int mock = runner_->start(
-      {"/usr/bin/python3", "-m", "dbusmock", "--template", "notification_daemon", "-l",
-       log.string()},
-      "dbusmock");
+  int mock = runner_->start({"/usr/bin/python3", "-m", "dbusmock", "--template",
+                             "notification_daemon", "-l", log.string()},
+                            "dbusmock");
   ASSERT_GT(mock, 0);
   ASSERT_TRUE(testing::waitUntil(
       [&] {
-        return runner_->run({"/usr/bin/busctl", "--user", "status",
-                             "org.freedesktop.Notifications"})
+        return runner_
+                   ->run({"/usr/bin/busctl", "--user", "status", "org.freedesktop.Notifications"})
                    .exitCode == 0;
       },
       std::chrono::seconds(10)));
@@ -162,10 +161,10 @@ TEST_F(X11DaemonTest, CleansGuardsRestoresAndNotifies) {
   auto latency = expectCleaned(std::string(kTracked), std::string(kCleaned));
   std::cout << "copy-to-cleaned latency (x11, including xclip runs): " << latency.count()
             << " ms\n";
-  EXPECT_TRUE(testing::waitUntil(
-      [&] { return readAll(log).find("\"URL Cleaned\" \"Removed 1 tracker: utm_source\"") !=
-                   std::string::npos; }))
-      << readAll(log);
+  EXPECT_TRUE(testing::waitUntil([&] {
+    return readAll(log).find("\"URL Cleaned\" \"Removed 1 tracker: utm_source\"") !=
+           std::string::npos;
+  })) << readAll(log);
   EXPECT_EQ(runner_->linkwash({"clipboard", "restore"}).exitCode, 0);
   EXPECT_EQ(paste(), kTracked);
 

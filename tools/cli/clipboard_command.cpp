@@ -8,10 +8,10 @@
 #include <iostream>
 #include <map>
 
+#include "core/clipboard/clipboard_control.h"
 #include "core/clipboard/clipboard_monitor.h"
 #include "platform/fs/files.h"
 #include "platform/prefs/preference_store.h"
-#include "tools/cli/clipboard_control.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/startup_files.h"
 

@@ -7,10 +7,10 @@
 #include <chrono>
 #include <iostream>
 
+#include "core/clipboard/clipboard_control.h"
 #include "core/clipboard/clipboard_monitor.h"
 #include "platform/notifications/dbus_notification_center.h"
 #include "platform/pasteboard/desktop_pasteboard.h"
-#include "tools/cli/clipboard_control.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/engine_setup.h"
 

@@ -1,5 +1,5 @@
 // Unix-socket plumbing for the clipboard daemon's control commands.
-#include "tools/cli/clipboard_control.h"
+#include "core/clipboard/clipboard_control.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,7 +13,7 @@
 #include <cstring>
 #include <string>
 
-namespace linkwash::cli {
+namespace linkwash {
 namespace {
 
 namespace fs = std::filesystem;
@@ -104,6 +104,26 @@ std::optional<Json> sendClipboardCommand(const Json& request) {
   return reply;
 }
 
+std::int64_t DaemonFirstPasteboard::clearContents() {
+  // Deferred: the daemon replaces the contents in one step when it takes the text.
+  clearPending_ = true;
+  return fallback_->changeCount() + 1;
+}
+
+bool DaemonFirstPasteboard::setString(std::string_view value, PasteboardType type) {
+  if (type == PasteboardType::string) {
+    auto reply =
+        sendClipboardCommand(Json::object({{"command", "copy"}, {"text", std::string(value)}}));
+    if (reply && reply->value("ok", false)) {
+      clearPending_ = false;
+      return true;
+    }
+  }
+  if (clearPending_) fallback_->clearContents();
+  clearPending_ = false;
+  return fallback_->setString(value, type);
+}
+
 ClipboardControlServer::~ClipboardControlServer() {
   if (fd_ >= 0) {
     close(fd_);
@@ -160,4 +180,4 @@ void ClipboardControlServer::serveOne(const std::function<Json(const Json&)>& ha
   close(client);
 }
 
-}  // namespace linkwash::cli
+}  // namespace linkwash
