@@ -9,8 +9,10 @@
 #include <cstring>
 
 #include "base/diagnostics.h"
+#include "core/clipboard/clipboard_control.h"
 #include "extension/extension_message_handler.h"
 #include "extension/native_messaging.h"
+#include "platform/pasteboard/desktop_pasteboard.h"
 #include "platform/resources/resource_bundle.h"
 
 int main(int argc, char** argv) {
@@ -35,6 +37,10 @@ int main(int argc, char** argv) {
     std::perror("linkwash-host: cannot set up standard output");
     return 1;
   }
+
+  // "copyMissedReport" puts the report on the desktop clipboard (through the clipboard daemon
+  // when it runs); without a display it stays in memory.
+  setGeneralPasteboard(std::make_shared<DaemonFirstPasteboard>(makeLazyDesktopPasteboard()));
 
   // One session for the life of the process; the engine is loaded on the first clean.
   auto session = Session::open();

@@ -28,5 +28,7 @@ void addBrowserCommand(CLI::App& app, int& exitCode);
 void addLinkCommands(CLI::App& app, int& exitCode);
 // stats (with export, reset, collection) and status.
 void addStatsCommands(CLI::App& app, int& exitCode);
+void addWatchCommand(CLI::App& app, int& exitCode);
+void addClipboardCommand(CLI::App& app, int& exitCode);
 
 }  // namespace linkwash::cli

@@ -20,6 +20,8 @@ int main(int argc, char** argv) {
   linkwash::cli::addSitesCommand(app, exitCode);
   linkwash::cli::addReportCommand(app, exitCode);
   linkwash::cli::addGuardCommand(app, exitCode);
+  linkwash::cli::addWatchCommand(app, exitCode);
+  linkwash::cli::addClipboardCommand(app, exitCode);
   linkwash::cli::addDefaultsCommand(app, exitCode);
   linkwash::cli::addRulesCommand(app, exitCode);
   linkwash::cli::addRedirectCommand(app, exitCode);
