@@ -115,6 +115,20 @@ Json encodeCommandRiskFinding(const CommandRiskFinding& finding) {
   return json;
 }
 
+std::optional<CommandRiskFinding> decodeCommandRiskFinding(const Json& json) {
+  if (!json.is_object()) return std::nullopt;
+  CommandRiskFinding finding;
+  if (!readJsonString(json, "id", finding.id) ||
+      !readJsonString(json, "platform", finding.platform) ||
+      !readSeverity(json, "severity", finding.severity) ||
+      !readJsonString(json, "summary", finding.summary) ||
+      !readJsonString(json, "explanation", finding.explanation) ||
+      !readJsonString(json, "matchedText", finding.matchedText)) {
+    return std::nullopt;
+  }
+  return finding;
+}
+
 Json encodeCommandRiskResult(const CommandRiskResult& result) {
   Json json = Json::object();
   json["command"] = result.command;
@@ -124,6 +138,24 @@ Json encodeCommandRiskResult(const CommandRiskResult& result) {
   json["findings"] = std::move(findings);
   json["rulesVersion"] = result.rulesVersion;
   return json;
+}
+
+std::optional<CommandRiskResult> decodeCommandRiskResult(const Json& json) {
+  if (!json.is_object()) return std::nullopt;
+  CommandRiskResult result;
+  if (!readJsonString(json, "command", result.command) ||
+      !readSeverity(json, "severity", result.severity) ||
+      !readJsonString(json, "rulesVersion", result.rulesVersion)) {
+    return std::nullopt;
+  }
+  auto findings = json.find("findings");
+  if (findings == json.end() || !findings->is_array()) return std::nullopt;
+  for (const auto& item : *findings) {
+    auto finding = decodeCommandRiskFinding(item);
+    if (!finding) return std::nullopt;
+    result.findings.push_back(std::move(*finding));
+  }
+  return result;
 }
 
 std::filesystem::path CommandGuard::defaultInstalledRulesURL() {

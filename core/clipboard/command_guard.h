@@ -62,7 +62,9 @@ struct CommandRiskResult {
 // JSON forms with the keys named as the fields. Decoding answers nothing when a key is missing,
 // has the wrong type or names an unknown severity.
 Json encodeCommandRiskFinding(const CommandRiskFinding& finding);
+std::optional<CommandRiskFinding> decodeCommandRiskFinding(const Json& json);
 Json encodeCommandRiskResult(const CommandRiskResult& result);
+std::optional<CommandRiskResult> decodeCommandRiskResult(const Json& json);
 
 class CommandGuard {
  public:
