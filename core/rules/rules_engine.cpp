@@ -37,6 +37,10 @@ struct SubjectMemo {
 
 constexpr std::uint8_t kCertain = internal::PrefilterSet::kCertain;
 
+bool isWebLink(std::string_view text) {
+  return startsWithAsciiI(text, "http://") || startsWithAsciiI(text, "https://");
+}
+
 std::optional<Json> readJsonPreference(const PreferenceStore& store, std::string_view key) {
   auto data = store.dataForKey(key);
   if (!data) return std::nullopt;
@@ -601,9 +605,15 @@ std::optional<std::string> RulesEngine::extractRedirection(std::string_view url,
     auto match = redirection.regex.firstMatch(url);
     if (!match || match->ranges.size() < 2 || !match->ranges[1]) continue;
     const std::string_view captured = *match->group(url, 1);
-    auto decoded = percentDecode(captured);
-    std::string target = decoded ? std::move(*decoded) : std::string(captured);
-    if (startsWithAsciiI(target, "http://") || startsWithAsciiI(target, "https://")) return target;
+    // A literal link is taken as written: decoding it would turn its own "%20" into a space.
+    std::string target(captured);
+    if (!isWebLink(target)) {
+      auto decoded = percentDecode(captured);
+      if (decoded) target = std::move(*decoded);
+    }
+    // Only a destination that is itself a URL counts: a decoded "%0A" must never let a line
+    // break (or a NUL) out of a wrapper.
+    if (isWebLink(target) && URLComponents::parse(target)) return target;
   }
   return std::nullopt;
 }
