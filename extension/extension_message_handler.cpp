@@ -179,11 +179,12 @@ Json ExtensionMessageHandler::setDomainDisabled(const Json& message) const {
   if (!disabled || !host) {
     return object({{"ok", false}, {"error", "Missing host or disabled flag"}});
   }
+  if (sharedStandardStore()->isTemporary()) {
+    return object({{"ok", false}, {"error", "Preferences cannot be written"}});
+  }
   DomainExceptionStore& exceptions = sharedExceptionStore();
-  if (*disabled) {
-    exceptions.disable(*host);
-  } else {
-    exceptions.enable(*host);
+  if (!(*disabled ? exceptions.disable(*host) : exceptions.enable(*host))) {
+    return object({{"ok", false}, {"error", "Could not save the site list"}});
   }
   return object({{"ok", true}, {"host", *host}, {"disabled", *disabled}});
 }
@@ -224,12 +225,20 @@ Json ExtensionMessageHandler::setXRedirectChoice(const Json& message) const {
   const auto choice = raw ? xRedirectChoiceFromRaw(*raw) : std::nullopt;
   if (!choice) return object({{"ok", false}});
   const std::string stored(rawValue(*choice));
-  sharedStandardStore()->set(PrivacyRedirectSettings::kXRedirectChoiceKey, PreferenceValue{stored});
+  auto store = sharedStandardStore();
+  if (store->isTemporary() ||
+      !store->set(PrivacyRedirectSettings::kXRedirectChoiceKey, PreferenceValue{stored})) {
+    return object({{"ok", false}, {"error", "Could not save the choice"}});
+  }
   return object({{"ok", true}, {"choice", stored}});
 }
 
 Json ExtensionMessageHandler::switchOffXRedirect() const {
-  sharedStandardStore()->set(PrivacyRedirectSettings::kXRedirectEnabledKey, PreferenceValue{false});
+  auto store = sharedStandardStore();
+  if (store->isTemporary() ||
+      !store->set(PrivacyRedirectSettings::kXRedirectEnabledKey, PreferenceValue{false})) {
+    return object({{"ok", false}, {"error", "Could not save the switch"}});
+  }
   return object({{"ok", true}, {"enabled", false}});
 }
 

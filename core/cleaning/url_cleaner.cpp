@@ -78,7 +78,8 @@ struct QueryContext {
   bool googleSearch = false;     // a Google results page
 };
 
-QueryContext classifyQuery(const URLComponents& components, const std::vector<RawQueryItem>& items) {
+QueryContext classifyQuery(const URLComponents& components,
+                           const std::vector<RawQueryItem>& items) {
   QueryContext context;
   const std::string host = lowercasedHost(components);
   if (isHostOrSubdomain(host, "reddit.com")) {
@@ -123,9 +124,9 @@ std::optional<StripDecision> strippingRule(const RulesEngine& engine, const RawQ
     return StripDecision{"Analytics:google_search:" + item.name, RuleCategoryType::analytics};
   }
   if (auto match = engine.firstStrippingRule(item.name, providers)) {
-    return StripDecision{
-        std::string(match->ruleID),
-        match->referral ? RuleCategoryType::referralMarketing : match->provider->category};
+    return StripDecision{std::string(match->ruleID), match->referral
+                                                         ? RuleCategoryType::referralMarketing
+                                                         : match->provider->category};
   }
   if (auto fallback = engine.shouldStripParamFallback(item.name)) {
     return StripDecision{std::string(fallback->ruleID), fallback->category};
@@ -177,6 +178,8 @@ URLCleaner::URLCleaner(RulesEngine& rulesEngine, DomainExceptionStore* exception
 
 CleanOutcome URLCleaner::cleanWithOutcome(std::string_view urlString) {
   const std::string link(trimWhitespaceAndNewlines(urlString));
+  // Bytes that are not text are no link a person could mean; such input passes through as it is.
+  if (!isValidUtf8(link)) return CleanOutcome::invalid();
   auto components = URLComponents::parse(link);
   if (!components) return CleanOutcome::invalid();
   if (!startsWith(link, "http://") && !startsWith(link, "https://")) return CleanOutcome::invalid();

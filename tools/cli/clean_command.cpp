@@ -16,6 +16,7 @@
 #include "core/cleaning/url_cleaner.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/engine_setup.h"
+#include "tools/cli/settings_access.h"
 
 namespace linkwash::cli {
 namespace {
@@ -96,13 +97,15 @@ std::string describeOutcome(const CleanOutcome& outcome, std::string_view line) 
   return text;
 }
 
-std::string render(const CleanOutcome& outcome, std::string_view line, Format format) {
+// `ending` is the input line's own line ending, given back with every format.
+std::string render(const CleanOutcome& outcome, std::string_view line, Format format,
+                   std::string_view ending = "\n") {
   if (format == Format::explain) return describeOutcome(outcome, line);
   if (format == Format::json) {
     Json json = Json::object();
     switch (outcome.kind) {
       case CleanOutcome::Kind::cleaned:
-        return jsonLine(encodeCleanResult(*outcome.result)) + "\n";
+        return jsonLine(encodeCleanResult(*outcome.result)) + std::string(ending);
       case CleanOutcome::Kind::skippedDisabled:
         json["outcome"] = "skippedDisabled";
         json["host"] = outcome.host;
@@ -115,10 +118,12 @@ std::string render(const CleanOutcome& outcome, std::string_view line, Format fo
         break;
     }
     json["url"] = std::string(line);
-    return jsonLine(json) + "\n";
+    return jsonLine(json) + std::string(ending);
   }
-  if (outcome.kind == CleanOutcome::Kind::cleaned) return outcome.result->cleanedURL + "\n";
-  return std::string(line) + "\n";
+  if (outcome.kind == CleanOutcome::Kind::cleaned) {
+    return outcome.result->cleanedURL + std::string(ending);
+  }
+  return std::string(line) + std::string(ending);
 }
 
 int runClean(const CleanOptions& options) {
@@ -138,6 +143,7 @@ int runClean(const CleanOptions& options) {
   }
   auto defaults = PreferenceStore::standard();
   auto group = PreferenceStore::suite(kAppGroupIdentifier);
+  warnIfCountsAreNotKept(*defaults);
   DomainExceptionStore exceptions(defaults);
   LastCleanRecorder recorder;
   URLCleaner cleaner(*engine, &exceptions, &recorder, std::string(kSurface),
@@ -166,9 +172,16 @@ int runClean(const CleanOptions& options) {
   ssize_t length = 0;
   while (stopSignal.load() == 0 && (length = getline(&line, &capacity, stdin)) >= 0) {
     std::string_view text(line, static_cast<std::size_t>(length));
-    if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-    const std::string out = render(cleaner.cleanWithOutcome(text), text, format);
-    std::fwrite(out.data(), 1, out.size(), stdout);
+    // Each line keeps its own ending, so a file with CR LF lines stays one.
+    std::string_view ending = "\n";
+    if (endsWith(text, "\r\n")) {
+      ending = "\r\n";
+      text.remove_suffix(2);
+    } else if (endsWith(text, "\n")) {
+      text.remove_suffix(1);
+    }
+    const std::string out = render(cleaner.cleanWithOutcome(text), text, format, ending);
+    if (std::fwrite(out.data(), 1, out.size(), stdout) != out.size()) break;  // reported by main
     if (interactive) std::fflush(stdout);
     // Checking the clock every few hundred lines keeps the timer off the per-line cost.
     if (++sinceSave >= 256) {

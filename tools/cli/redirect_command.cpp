@@ -11,6 +11,7 @@
 #include "core/privacy/x_redirect_settings_view.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/engine_setup.h"
+#include "tools/cli/settings_access.h"
 
 namespace linkwash::cli {
 namespace {
@@ -89,6 +90,10 @@ int runSetChoice(const std::string& raw) {
     return 1;
   }
   Screen screen;
+  if (!storeKeepsSettings(*screen.defaults, "redirect x") ||
+      !storeKeepsSettings(*screen.group, "redirect x")) {
+    return 1;
+  }
   screen.view.setChoice(*choice);
   render(screen);
   return 0;
@@ -96,6 +101,10 @@ int runSetChoice(const std::string& raw) {
 
 int runSetInstance(const std::string& id) {
   Screen screen;
+  if (!storeKeepsSettings(*screen.defaults, "redirect x") ||
+      !storeKeepsSettings(*screen.group, "redirect x")) {
+    return 1;
+  }
   // As in the picker: an eligible service, no selection, or the selection already stored.
   const auto services = screen.view.eligibleServices();
   bool offered = id.empty() || id == screen.view.selectedInstance();
@@ -122,6 +131,10 @@ int runAutomatic(const std::string& value) {
     return 1;
   }
   Screen screen;
+  if (!storeKeepsSettings(*screen.defaults, "redirect x") ||
+      !storeKeepsSettings(*screen.group, "redirect x")) {
+    return 1;
+  }
   screen.view.setAutomatic(*automatic);
   render(screen);
   return 0;
@@ -141,12 +154,15 @@ int runReddit(const std::string& value, const std::optional<std::string>& fronte
     return 1;
   }
   Screen screen;
-  screen.defaults->set(PrivacyRedirectSettings::kRedditRedirectEnabledKey,
-                       PreferenceValue{*enabled});
+  if (!storeKeepsSettings(*screen.defaults, "redirect reddit")) return 1;
+  bool saved = screen.defaults->set(PrivacyRedirectSettings::kRedditRedirectEnabledKey,
+                                    PreferenceValue{*enabled});
   if (frontend) {
-    screen.defaults->set(PrivacyRedirectSettings::kRedditFrontendBaseURLKey,
-                         PreferenceValue{*frontend});
+    saved = screen.defaults->set(PrivacyRedirectSettings::kRedditFrontendBaseURLKey,
+                                 PreferenceValue{*frontend}) &&
+            saved;
   }
+  if (!saved) return failedToSave("redirect reddit", "the Reddit redirect");
   render(screen);
   return 0;
 }
