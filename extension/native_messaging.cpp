@@ -113,10 +113,7 @@ int serveNativeMessaging(int inputFd, int outputFd, const NativeMessageHandler& 
       status = readFully(inputFd, body.data(), body.size());
       if (status == ReadStatus::complete) {
         try {
-          // JSON is UTF-8 text; a message that is not (stray bytes) is refused whole rather
-          // than letting its bytes reach the stored settings.
-          auto message = parseJson(body);
-          reply = message ? handler(*message) : errorReply("Message is not UTF-8 JSON text");
+          reply = handler(parseJson(body).value_or(Json::object()));
         } catch (const std::exception& error) {
           diagnostic(std::string("linkwash-host: request failed: ") + error.what());
           reply = errorReply("Internal error");

@@ -365,11 +365,15 @@ bool RulesEngine::saveEnabledStates() {
   std::map<std::string, bool> merged;
   const bool stored =
       defaults_->update(kEnabledStateKey, [&](std::optional<PreferenceValue>& value) {
-        merged = storedMap<bool>(value);
+        // Every rule of the catalog gets an entry (keys of rules that no longer exist go); a
+        // switch this engine did not flip keeps what another process stored meanwhile.
+        const auto inStore = storedMap<bool>(value);
+        merged.clear();
         for (const auto& [key, on] : current) {
           auto saved = savedSwitches_.find(key);
           const bool switchedHere = saved == savedSwitches_.end() || saved->second != on;
-          if (switchedHere || !merged.contains(key)) merged[key] = on;
+          auto other = inStore.find(key);
+          merged[key] = switchedHere || other == inStore.end() ? on : other->second;
         }
         value = toBytes(writeJson(jsonObject(merged)));
         return PreferenceStore::Change::write;
