@@ -133,6 +133,27 @@ bool isValidUtf8(std::string_view text) {
   return true;
 }
 
+std::size_t utf8SequenceLength(std::string_view text, std::size_t at) {
+  char32_t c = 0;
+  return decodeScalar(text, at, c);
+}
+
+std::string validUtf8(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    const std::size_t len = utf8SequenceLength(text, i);
+    if (len == 0) {
+      out += "\xEF\xBF\xBD";
+      ++i;
+    } else {
+      out.append(text, i, len);
+      i += len;
+    }
+  }
+  return out;
+}
+
 std::string toString(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
 
 Bytes toBytes(std::string_view text) { return Bytes(text.begin(), text.end()); }

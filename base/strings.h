@@ -31,6 +31,10 @@ bool isPrintableAscii(std::string_view text);
 
 // True when `text` is well-formed UTF-8 (no overlongs, no surrogates, nothing above U+10FFFF).
 bool isValidUtf8(std::string_view text);
+// The length of the well-formed UTF-8 sequence starting at `at`; 0 when there is none.
+std::size_t utf8SequenceLength(std::string_view text, std::size_t at);
+// `text` with every byte that is not part of well-formed UTF-8 replaced by U+FFFD.
+std::string validUtf8(std::string_view text);
 
 std::string toString(const Bytes& bytes);
 Bytes toBytes(std::string_view text);

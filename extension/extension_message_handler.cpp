@@ -131,11 +131,12 @@ Json ExtensionMessageHandler::setDomainDisabled(const Json& message) const {
   if (!disabled || !host) {
     return object({{"ok", false}, {"error", "Missing host or disabled flag"}});
   }
+  if (session_.standardStore().isTemporary()) {
+    return object({{"ok", false}, {"error", "Preferences cannot be written"}});
+  }
   DomainExceptionStore& exceptions = session_.exceptions();
-  if (*disabled) {
-    exceptions.disable(*host);
-  } else {
-    exceptions.enable(*host);
+  if (!(*disabled ? exceptions.disable(*host) : exceptions.enable(*host))) {
+    return object({{"ok", false}, {"error", "Could not save the site list"}});
   }
   return object({{"ok", true}, {"host", *host}, {"disabled", *disabled}});
 }
@@ -176,14 +177,20 @@ Json ExtensionMessageHandler::setXRedirectChoice(const Json& message) const {
   const auto choice = raw ? xRedirectChoiceFromRaw(*raw) : std::nullopt;
   if (!choice) return object({{"ok", false}});
   const std::string stored(rawValue(*choice));
-  session_.standardStore().set(PrivacyRedirectSettings::kXRedirectChoiceKey,
-                               PreferenceValue{stored});
+  PreferenceStore& store = session_.standardStore();
+  if (store.isTemporary() ||
+      !store.set(PrivacyRedirectSettings::kXRedirectChoiceKey, PreferenceValue{stored})) {
+    return object({{"ok", false}, {"error", "Could not save the choice"}});
+  }
   return object({{"ok", true}, {"choice", stored}});
 }
 
 Json ExtensionMessageHandler::switchOffXRedirect() const {
-  session_.standardStore().set(PrivacyRedirectSettings::kXRedirectEnabledKey,
-                               PreferenceValue{false});
+  PreferenceStore& store = session_.standardStore();
+  if (store.isTemporary() ||
+      !store.set(PrivacyRedirectSettings::kXRedirectEnabledKey, PreferenceValue{false})) {
+    return object({{"ok", false}, {"error", "Could not save the switch"}});
+  }
   return object({{"ok", true}, {"enabled", false}});
 }
 

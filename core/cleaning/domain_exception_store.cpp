@@ -77,33 +77,42 @@ bool DomainExceptionStore::isDisabledURL(std::string_view urlString) const {
   return host && isDisabled(*host);
 }
 
-void DomainExceptionStore::disable(std::string_view host) {
-  std::string normalized = normalize(host);
-  std::lock_guard lock(mutex_);
-  std::vector<DomainException> list = load();
-  const bool present = std::any_of(list.begin(), list.end(),
-                                   [&](const DomainException& e) { return e.host == normalized; });
-  if (present) return;
-  list.push_back(DomainException{std::move(normalized)});
-  // The store reports a write that did not reach the database, but the user's choice still holds
-  // for this process, as it would have with a store that cannot report failures.
-  Json json = Json::array();
-  for (const DomainException& entry : list) json.push_back(encodeDomainException(entry));
-  defaults_->set(kStorageKey, toBytes(writeJson(json)));
-  publish(std::move(list));
+bool DomainExceptionStore::disable(std::string_view host) {
+  return change(normalize(host), [](std::vector<DomainException>& list, const std::string& entry) {
+    const bool present = std::any_of(list.begin(), list.end(),
+                                     [&](const DomainException& e) { return e.host == entry; });
+    if (!present) list.push_back(DomainException{entry});
+    return !present;
+  });
 }
 
-void DomainExceptionStore::enable(std::string_view host) {
-  const std::string normalized = normalize(host);
+bool DomainExceptionStore::enable(std::string_view host) {
+  return change(normalize(host), [](std::vector<DomainException>& list, const std::string& entry) {
+    return std::erase_if(list, [&](const DomainException& e) { return e.host == entry; }) > 0;
+  });
+}
+
+bool DomainExceptionStore::change(
+    const std::string& host,
+    const std::function<bool(std::vector<DomainException>&, const std::string&)>& edit) {
+  // The list is stored as JSON, which cannot hold bytes that are not UTF-8: one such entry
+  // would make the whole list unreadable.
+  if (!isValidUtf8(host)) return false;
   std::lock_guard lock(mutex_);
-  std::vector<DomainException> list = load();
-  const auto removed =
-      std::erase_if(list, [&](const DomainException& e) { return e.host == normalized; });
-  if (removed == 0) return;
-  Json json = Json::array();
-  for (const DomainException& entry : list) json.push_back(encodeDomainException(entry));
-  defaults_->set(kStorageKey, toBytes(writeJson(json)));
-  publish(std::move(list));
+  std::vector<DomainException> list;
+  bool changed = false;
+  const bool stored = defaults_->update(kStorageKey, [&](std::optional<PreferenceValue>& value) {
+    list = decode(value);
+    changed = edit(list, host);
+    if (!changed) return PreferenceStore::Change::keep;
+    Json json = Json::array();
+    for (const DomainException& entry : list) json.push_back(encodeDomainException(entry));
+    value = toBytes(writeJson(json));
+    return PreferenceStore::Change::write;
+  });
+  if (!stored) return false;
+  if (changed) publish(std::move(list));
+  return true;
 }
 
 std::optional<std::string> DomainExceptionStore::disableURL(std::string_view urlString) {
@@ -134,8 +143,13 @@ void DomainExceptionStore::setObserver(
 }
 
 std::vector<DomainException> DomainExceptionStore::load() const {
-  const auto data = defaults_->dataForKey(kStorageKey);
-  if (!data) return {};
+  return decode(defaults_->object(kStorageKey));
+}
+
+std::vector<DomainException> DomainExceptionStore::decode(
+    const std::optional<PreferenceValue>& stored) {
+  const Bytes* data = stored ? std::get_if<Bytes>(&*stored) : nullptr;
+  if (data == nullptr) return {};
   const auto json = parseJson(toString(*data));
   if (!json || !json->is_array()) return {};
   std::vector<DomainException> list;

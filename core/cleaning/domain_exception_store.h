@@ -62,11 +62,12 @@ class DomainExceptionStore {
   bool isDisabledURL(std::string_view urlString) const;
 
   // Reload, add the normalized host unless present, and only when the list changed save it and
-  // publish it.
-  void disable(std::string_view host);
+  // publish it, in one transaction of the preference store. False when the change could not be
+  // saved (or the host is not UTF-8 text); nothing is published then.
+  bool disable(std::string_view host);
   // Reload, remove every entry with the normalized host, and only when the list changed save it
-  // and publish it.
-  void enable(std::string_view host);
+  // and publish it, as disable.
+  bool enable(std::string_view host);
   // disable/enable the link's normalized host; returns that host, or nothing (and does nothing)
   // when the link has none.
   std::optional<std::string> disableURL(std::string_view urlString);
@@ -95,6 +96,11 @@ class DomainExceptionStore {
 
   // Both run with mutex_ held.
   std::vector<DomainException> load() const;
+  static std::vector<DomainException> decode(const std::optional<PreferenceValue>& stored);
+  // Applies `edit` (which answers whether it changed the list) to the stored list in one
+  // transaction, then publishes the list when it changed.
+  bool change(const std::string& host,
+              const std::function<bool(std::vector<DomainException>&, const std::string&)>& edit);
   void publish(std::vector<DomainException> list);
   std::shared_ptr<const Snapshot> snapshot() const;
 

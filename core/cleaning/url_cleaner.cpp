@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <utility>
 
 #include "base/strings.h"
 #include "platform/regex/case_mapping.h"
-#include "platform/url/url_components.h"
 
 namespace linkwash {
 namespace {
@@ -23,6 +23,12 @@ struct RawQueryItem {
   std::string name;  // percent-decoded (as written when it does not decode)
   std::optional<std::string> value;
   std::string_view segment;  // exactly as it stood between the "&"
+};
+
+// The rule that claimed a query parameter.
+struct StripDecision {
+  std::string ruleID;
+  RuleCategoryType category = RuleCategoryType::analytics;
 };
 
 bool isHostOrSubdomain(std::string_view host, std::string_view domain) {
@@ -64,8 +70,74 @@ std::string lowercasedHost(const URLComponents& components) {
   return decoded ? unicodeLowercase(*decoded) : std::string();
 }
 
+// The special cases that depend on where a query stands rather than on rules.
+struct QueryContext {
+  bool redditChallenge = false;  // a Reddit anti-bot challenge link
+  bool googleSearch = false;     // a Google results page
+};
+
+QueryContext classifyQuery(const URLComponents& components,
+                           const std::vector<RawQueryItem>& items) {
+  QueryContext context;
+  const std::string host = lowercasedHost(components);
+  if (isHostOrSubdomain(host, "reddit.com")) {
+    bool solution = false, token = false;
+    for (const auto& item : items) {
+      if (item.name == "js_challenge" && item.value == "1") context.redditChallenge = true;
+      if (item.name == "jsc_orig_r") context.redditChallenge = true;
+      solution |= item.name == "solution";
+      token |= item.name == "token";
+    }
+    context.redditChallenge |= solution && token;
+  }
+  if (isHostOrSubdomain(host, "google.com") && components.percentEncodedPath() == "/search") {
+    context.googleSearch = std::any_of(items.begin(), items.end(),
+                                       [](const RawQueryItem& item) { return item.name == "q"; });
+  }
+  return context;
+}
+
+bool hasGoogleLocalState(const std::optional<std::string>& fragment) {
+  return fragment && !fragment->empty() &&
+         std::any_of(
+             kGoogleLocalStateMarkers.begin(), kGoogleLocalStateMarkers.end(),
+             [&](std::string_view marker) { return fragment->find(marker) != std::string::npos; });
+}
+
+// The first rule that claims a parameter: the pipeline's own special cases, then the providers'
+// rules, then the fallback rules.
+std::optional<StripDecision> strippingRule(const RulesEngine& engine, const RawQueryItem& item,
+                                           const QueryContext& context,
+                                           const std::vector<const CompiledProvider*>& providers) {
+  const bool isChallengeParam =
+      std::find(kRedditChallengeParams.begin(), kRedditChallengeParams.end(), item.name) !=
+      kRedditChallengeParams.end();
+  if (context.redditChallenge && isChallengeParam &&
+      engine.isCategoryEnabled(RuleCategoryType::socialMedia)) {
+    return StripDecision{"Social Media:reddit_js_challenge:" + item.name,
+                         RuleCategoryType::socialMedia};
+  }
+  if (context.googleSearch && item.name == "client" &&
+      engine.isCategoryEnabled(RuleCategoryType::analytics)) {
+    return StripDecision{"Analytics:google_search:" + item.name, RuleCategoryType::analytics};
+  }
+  if (auto match = engine.firstStrippingRule(item.name, providers)) {
+    return StripDecision{std::string(match->ruleID), match->referral
+                                                         ? RuleCategoryType::referralMarketing
+                                                         : match->provider->category};
+  }
+  if (auto fallback = engine.shouldStripParamFallback(item.name)) {
+    return StripDecision{std::string(fallback->ruleID), fallback->category};
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
 // Everything one pass gathers before it becomes a CleanResult.
-struct PassState {
+struct URLCleaner::PassState {
+  std::string input;  // the link the pass started from
+  std::string link;   // the link as the stages so far left it
   std::vector<std::string> removedQueryParameters;
   std::vector<std::string> matchedRuleIDs;
   std::set<RuleCategoryType> matchedCategories;
@@ -73,15 +145,15 @@ struct PassState {
   std::int64_t stripped = 0;
   bool pathChanged = false;
   bool fragmentRemoved = false;
+  std::optional<std::string> cleanedOriginalURL;
+  std::optional<PrivacyRedirectInfo> privacyRedirect;
+
+  void noteMatch(RulesEngine& engine, std::string ruleID, RuleCategoryType category) {
+    engine.recordMatch(ruleID, category);
+    matchedRuleIDs.push_back(std::move(ruleID));
+    matchedCategories.insert(category);
+  }
 };
-
-}  // namespace
-
-bool isRawFormHost(std::string_view host) {
-  return host == "a.co" || host == "x.com" || host == "airbnb.com" || host == "www.airbnb.com" ||
-         host == "music.youtube.com" || isHostOrSubdomain(host, "instagram.com") ||
-         isHostOrSubdomain(host, "threads.com") || isHostOrSubdomain(host, "threads.net");
-}
 
 URLCleaner::URLCleaner(RulesEngine& rulesEngine, DomainExceptionStore* exceptionStore,
                        LastCleanRecorder* lastCleanRecorder, std::string surface,
@@ -94,7 +166,9 @@ URLCleaner::URLCleaner(RulesEngine& rulesEngine, DomainExceptionStore* exception
 
 CleanOutcome URLCleaner::cleanWithOutcome(std::string_view urlString) {
   const std::string link(trimWhitespaceAndNewlines(urlString));
-  const auto components = URLComponents::parse(link);
+  // Bytes that are not text are no link a person could mean; such input passes through as it is.
+  if (!isValidUtf8(link)) return CleanOutcome::invalid();
+  auto components = URLComponents::parse(link);
   if (!components) return CleanOutcome::invalid();
   if (!startsWith(link, "http://") && !startsWith(link, "https://")) return CleanOutcome::invalid();
   if (exceptions_ != nullptr) {
@@ -106,7 +180,7 @@ CleanOutcome URLCleaner::cleanWithOutcome(std::string_view urlString) {
       }
     }
   }
-  auto result = cleaningPass(link, 0);
+  auto result = cleaningPass(link, 0, std::move(components));
   if (!result) return CleanOutcome::unchanged();
   if (saving_ == MatchCountSaving::everyClean) engine_.saveMatchCounts();
   if (recorder_ != nullptr) recorder_->record(result->originalURL, result->cleanedURL, surface_);
@@ -119,218 +193,179 @@ std::optional<CleanResult> URLCleaner::clean(std::string_view urlString) {
   return std::move(outcome.result);
 }
 
-std::optional<CleanResult> URLCleaner::cleaningPass(const std::string& input, int depth) {
-  thread_local std::vector<const CompiledProvider*> matched;
-  std::vector<const CompiledProvider*> providers;
-  engine_.matchingProviders(input, matched);
-  for (const CompiledProvider* provider : matched) {
-    if (!engine_.isException(input, *provider)) providers.push_back(provider);
-  }
-
-  // Redirect wrappers: the first web destination ends the pass at this level.
+std::optional<CleanResult> URLCleaner::cleaningPass(const std::string& input, int depth,
+                                                    std::optional<URLComponents> parsed) {
+  const Providers providers = activeProviders(input);
   if (engine_.isCategoryEnabled(RuleCategoryType::redirectUnwrapping)) {
-    for (const CompiledProvider* provider : providers) {
-      auto destination = engine_.extractRedirection(input, *provider);
-      if (!destination) continue;
-      std::vector<std::string> ids;
-      for (const auto& redirection : provider->redirectionRegexes) {
-        ids.push_back(redirection.ruleID);
-        engine_.recordMatch(redirection.ruleID, RuleCategoryType::redirectUnwrapping);
-      }
-      CleanOperation unwrap{
-          CleanOperationKind::offlineWrapperUnwrap, input, *destination, {}, false, std::nullopt,
-          std::string(kWrapperUnwrapNote)};
-      std::optional<CleanResult> inner;
-      if (depth < kMaxUnwrapDepth) inner = cleaningPass(*destination, depth + 1);
-      CleanResult result;
-      result.originalURL = input;
-      result.matchedRuleIDs = std::move(ids);
-      result.matchedCategories = {RuleCategoryType::redirectUnwrapping};
-      result.operations.push_back(std::move(unwrap));
-      if (inner) {
-        result.cleanedURL = std::move(inner->cleanedURL);
-        result.paramsRemoved = inner->paramsRemoved + 1;
-        result.removedQueryParameters = std::move(inner->removedQueryParameters);
-        result.matchedRuleIDs.insert(result.matchedRuleIDs.end(), inner->matchedRuleIDs.begin(),
-                                     inner->matchedRuleIDs.end());
-        result.matchedCategories.insert(inner->matchedCategories.begin(),
-                                        inner->matchedCategories.end());
-        result.cleanedOriginalURL = std::move(inner->cleanedOriginalURL);
-        result.privacyRedirect = std::move(inner->privacyRedirect);
-        for (auto& operation : inner->operations) result.operations.push_back(std::move(operation));
-      } else {
-        result.cleanedURL = *destination;
-        result.paramsRemoved = 1;
-      }
+    // The first destination ends the pass: the wrapper's own parameters are not examined.
+    if (auto unwrapped = unwrapRedirect(input, providers, depth)) return unwrapped;
+  }
+  PassState state;
+  state.input = input;
+  state.link = input;
+  applyPathRules(providers, state);
+  if (state.pathChanged || !parsed) parsed = URLComponents::parse(state.link);
+  if (!parsed) return std::nullopt;
+  URLComponents& components = *parsed;
+  const bool googleSearch = stripQuery(components, providers, state);
+  if (googleSearch) dropGoogleLocalState(components, state);
+  offerPrivacyRedirect(state);
+  if (state.link == input) return std::nullopt;
+  return finishPass(std::move(state));
+}
+
+URLCleaner::Providers URLCleaner::activeProviders(std::string_view link) const {
+  thread_local Providers matched;
+  Providers providers;
+  engine_.matchingProviders(link, matched);
+  for (const CompiledProvider* provider : matched) {
+    if (!engine_.isException(link, *provider)) providers.push_back(provider);
+  }
+  return providers;
+}
+
+std::optional<CleanResult> URLCleaner::unwrapRedirect(const std::string& input,
+                                                      const Providers& providers, int depth) {
+  for (const CompiledProvider* provider : providers) {
+    auto destination = engine_.extractRedirection(input, *provider);
+    if (!destination) continue;
+    CleanResult result;
+    result.originalURL = input;
+    result.matchedCategories = {RuleCategoryType::redirectUnwrapping};
+    for (const auto& redirection : provider->redirectionRegexes) {
+      result.matchedRuleIDs.push_back(redirection.ruleID);
+      engine_.recordMatch(redirection.ruleID, RuleCategoryType::redirectUnwrapping);
+    }
+    CleanOperation operation;
+    operation.kind = CleanOperationKind::offlineWrapperUnwrap;
+    operation.inputURL = input;
+    operation.outputURL = *destination;
+    operation.note = std::string(kWrapperUnwrapNote);
+    result.operations.push_back(std::move(operation));
+    std::optional<CleanResult> inner;
+    if (depth < kMaxUnwrapDepth) inner = cleaningPass(*destination, depth + 1, std::nullopt);
+    if (!inner) {
+      result.cleanedURL = std::move(*destination);
+      result.paramsRemoved = 1;
       return result;
     }
+    result.cleanedURL = std::move(inner->cleanedURL);
+    result.paramsRemoved = inner->paramsRemoved + 1;
+    result.removedQueryParameters = std::move(inner->removedQueryParameters);
+    result.matchedRuleIDs.insert(result.matchedRuleIDs.end(), inner->matchedRuleIDs.begin(),
+                                 inner->matchedRuleIDs.end());
+    result.matchedCategories.insert(inner->matchedCategories.begin(),
+                                    inner->matchedCategories.end());
+    result.cleanedOriginalURL = std::move(inner->cleanedOriginalURL);
+    result.privacyRedirect = std::move(inner->privacyRedirect);
+    for (auto& step : inner->operations) result.operations.push_back(std::move(step));
+    return result;
   }
+  return std::nullopt;
+}
 
-  PassState state;
-  // Path rules: each provider's raw rules run on the output of the previous provider's.
-  std::string link = input;
+void URLCleaner::applyPathRules(const Providers& providers, PassState& state) {
+  // Each provider's raw rules run on the output of the previous provider's.
   for (const CompiledProvider* provider : providers) {
     if (provider->rawRuleRegexes.empty()) continue;
-    std::string after = engine_.applyRawRules(link, *provider);
-    if (after == link) continue;
-    state.operations.push_back(CleanOperation{CleanOperationKind::offlinePathRewrite,
-                                              link,
-                                              after,
-                                              {},
-                                              false,
-                                              std::nullopt,
-                                              std::string(kPathRewriteNote)});
-    state.matchedCategories.insert(provider->category);
+    std::string after = engine_.applyRawRules(state.link, *provider);
+    if (after == state.link) continue;
+    CleanOperation operation;
+    operation.kind = CleanOperationKind::offlinePathRewrite;
+    operation.inputURL = state.link;
+    operation.outputURL = after;
+    operation.note = std::string(kPathRewriteNote);
+    state.operations.push_back(std::move(operation));
     for (const auto& rule : provider->rawRuleRegexes) {
-      state.matchedRuleIDs.push_back(rule.ruleID);
-      engine_.recordMatch(rule.ruleID, provider->category);
+      state.noteMatch(engine_, rule.ruleID, provider->category);
     }
     state.pathChanged = true;
-    link = std::move(after);
+    state.link = std::move(after);
   }
+}
 
-  auto components = URLComponents::parse(link);
-  if (!components) return std::nullopt;
-  const std::string host = lowercasedHost(*components);
-  const std::optional<std::string> query = components->percentEncodedQuery();
-  std::vector<RawQueryItem> items = query ? splitQuery(*query) : std::vector<RawQueryItem>{};
-
-  const bool rawForm = isRawFormHost(host);
-  bool redditChallenge = false;
-  if (isHostOrSubdomain(host, "reddit.com")) {
-    bool solution = false, token = false;
-    for (const auto& item : items) {
-      if (item.name == "js_challenge" && item.value == "1") redditChallenge = true;
-      if (item.name == "jsc_orig_r") redditChallenge = true;
-      solution |= item.name == "solution";
-      token |= item.name == "token";
-    }
-    redditChallenge |= solution && token;
-  }
-  bool googleSearch = false;
-  if (isHostOrSubdomain(host, "google.com") && components->percentEncodedPath() == "/search") {
-    for (const auto& item : items) googleSearch |= item.name == "q";
-  }
-
-  // Decide each parameter; the first rule that claims it wins.
-  std::vector<const RawQueryItem*> kept;
-  kept.reserve(items.size());
-  for (const auto& item : items) {
-    std::optional<std::string> ruleID;
-    RuleCategoryType category = RuleCategoryType::analytics;
-    const bool isChallengeParam =
-        std::find(kRedditChallengeParams.begin(), kRedditChallengeParams.end(), item.name) !=
-        kRedditChallengeParams.end();
-    if (redditChallenge && isChallengeParam &&
-        engine_.isCategoryEnabled(RuleCategoryType::socialMedia)) {
-      ruleID = "Social Media:reddit_js_challenge:" + item.name;
-      category = RuleCategoryType::socialMedia;
-    } else if (googleSearch && item.name == "client" &&
-               engine_.isCategoryEnabled(RuleCategoryType::analytics)) {
-      ruleID = "Analytics:google_search:" + item.name;
-      category = RuleCategoryType::analytics;
-    } else {
-      if (auto match = engine_.firstStrippingRule(item.name, providers)) {
-        ruleID = std::string(match->ruleID);
-        category =
-            match->referral ? RuleCategoryType::referralMarketing : match->provider->category;
+bool URLCleaner::stripQuery(URLComponents& components, const Providers& providers,
+                            PassState& state) {
+  const std::optional<std::string>& query = components.percentEncodedQuery();
+  const std::vector<RawQueryItem> items = query ? splitQuery(*query) : std::vector<RawQueryItem>{};
+  const QueryContext context = classifyQuery(components, items);
+  // Kept parameters are joined back exactly as they were written: decoding and re-encoding
+  // would change values such as "q=C%2B%2B" that the site reads byte for byte.
+  std::optional<std::string> kept;
+  for (const RawQueryItem& item : items) {
+    auto decision = strippingRule(engine_, item, context, providers);
+    if (!decision) {
+      if (kept) {
+        *kept += '&';
+      } else {
+        kept.emplace();
       }
-      if (!ruleID) {
-        if (auto fallback = engine_.shouldStripParamFallback(item.name)) {
-          ruleID = std::string(fallback->ruleID);
-          category = fallback->category;
-        }
-      }
-    }
-    if (!ruleID) {
-      kept.push_back(&item);
+      *kept += item.segment;
       continue;
     }
     state.removedQueryParameters.push_back(item.name);
-    engine_.recordMatch(*ruleID, category);
-    state.matchedRuleIDs.push_back(std::move(*ruleID));
-    state.matchedCategories.insert(category);
+    state.noteMatch(engine_, std::move(decision->ruleID), decision->category);
     ++state.stripped;
   }
-
-  std::string cleaned = link;
   if (state.stripped > 0) {
-    if (rawForm) {
-      std::optional<std::string> rest;
-      for (const RawQueryItem* item : kept) {
-        rest = rest ? *rest + "&" : std::string();
-        *rest += item->segment;
-      }
-      components->setPercentEncodedQuery(std::move(rest));
-    } else if (kept.empty()) {
-      components->setQueryItems(std::nullopt);
-    } else {
-      std::vector<URLQueryItem> remaining;
-      remaining.reserve(kept.size());
-      for (const RawQueryItem* item : kept) remaining.push_back({item->name, item->value});
-      components->setQueryItems(remaining);
-    }
-    cleaned = components->string().value_or(link);
-    state.operations.push_back(CleanOperation{CleanOperationKind::localParameterRemoval, link,
-                                              cleaned, state.removedQueryParameters, false,
-                                              std::nullopt, std::nullopt});
+    components.setPercentEncodedQuery(std::move(kept));
+    std::string cleaned = components.string().value_or(state.link);
+    CleanOperation operation;
+    operation.kind = CleanOperationKind::localParameterRemoval;
+    operation.inputURL = state.link;
+    operation.outputURL = cleaned;
+    operation.removedParameters = state.removedQueryParameters;
+    state.operations.push_back(std::move(operation));
+    state.link = std::move(cleaned);
   }
+  return context.googleSearch;
+}
 
-  if (googleSearch && engine_.isCategoryEnabled(RuleCategoryType::analytics)) {
-    const auto& fragment = components->percentEncodedFragment();
-    const bool hasMarker =
-        fragment && !fragment->empty() &&
-        std::any_of(
-            kGoogleLocalStateMarkers.begin(), kGoogleLocalStateMarkers.end(),
-            [&](std::string_view marker) { return fragment->find(marker) != std::string::npos; });
-    if (hasMarker) {
-      components->setPercentEncodedFragment(std::nullopt);
-      const std::string before = cleaned;
-      cleaned = components->string().value_or(cleaned);
-      state.removedQueryParameters.emplace_back(kGoogleLocalStateName);
-      state.matchedRuleIDs.emplace_back(kGoogleLocalStateRuleID);
-      state.matchedCategories.insert(RuleCategoryType::analytics);
-      engine_.recordMatch(kGoogleLocalStateRuleID, RuleCategoryType::analytics);
-      state.operations.push_back(CleanOperation{CleanOperationKind::localParameterRemoval,
-                                                before,
-                                                cleaned,
-                                                {std::string(kGoogleLocalStateName)},
-                                                false,
-                                                std::nullopt,
-                                                std::nullopt});
-      state.fragmentRemoved = true;
-    }
-  }
+void URLCleaner::dropGoogleLocalState(URLComponents& components, PassState& state) {
+  if (!engine_.isCategoryEnabled(RuleCategoryType::analytics)) return;
+  if (!hasGoogleLocalState(components.percentEncodedFragment())) return;
+  components.setPercentEncodedFragment(std::nullopt);
+  std::string cleaned = components.string().value_or(state.link);
+  state.removedQueryParameters.emplace_back(kGoogleLocalStateName);
+  state.noteMatch(engine_, std::string(kGoogleLocalStateRuleID), RuleCategoryType::analytics);
+  CleanOperation operation;
+  operation.kind = CleanOperationKind::localParameterRemoval;
+  operation.inputURL = state.link;
+  operation.outputURL = cleaned;
+  operation.removedParameters = {std::string(kGoogleLocalStateName)};
+  state.operations.push_back(std::move(operation));
+  state.link = std::move(cleaned);
+  state.fragmentRemoved = true;
+}
 
-  std::string finalURL = cleaned;
-  std::optional<std::string> cleanedOriginalURL;
-  std::optional<PrivacyRedirectInfo> privacyRedirect;
-  if (privacyStage_) {
-    if (auto redirect = privacyStage_(cleaned, settings_)) {
-      finalURL = redirect->redirectedURL;
-      cleanedOriginalURL = cleaned;
-      privacyRedirect = redirect->info();
-      state.operations.push_back(CleanOperation{CleanOperationKind::privacyRedirect,
-                                                cleaned,
-                                                finalURL,
-                                                {},
-                                                false,
-                                                std::nullopt,
-                                                std::string(kPrivacyRedirectNote)});
-    }
-  }
+void URLCleaner::offerPrivacyRedirect(PassState& state) {
+  if (!privacyStage_) return;
+  auto redirect = privacyStage_(state.link, settings_);
+  if (!redirect) return;
+  CleanOperation operation;
+  operation.kind = CleanOperationKind::privacyRedirect;
+  operation.inputURL = state.link;
+  operation.outputURL = redirect->redirectedURL;
+  operation.note = std::string(kPrivacyRedirectNote);
+  state.operations.push_back(std::move(operation));
+  state.privacyRedirect = redirect->info();
+  state.cleanedOriginalURL = std::exchange(state.link, std::move(redirect->redirectedURL));
+}
 
-  if (finalURL == input) return std::nullopt;
+CleanResult URLCleaner::finishPass(PassState state) {
+  // A path rewrite counts as one removal only when no parameter was stripped with it.
+  const std::int64_t removals = state.stripped +
+                                (state.pathChanged && state.stripped == 0 ? 1 : 0) +
+                                (state.fragmentRemoved ? 1 : 0);
   CleanResult result;
-  result.originalURL = input;
-  result.cleanedURL = std::move(finalURL);
-  result.paramsRemoved = state.stripped + (state.pathChanged && state.stripped == 0 ? 1 : 0) +
-                         (state.fragmentRemoved ? 1 : 0);
+  result.originalURL = std::move(state.input);
+  result.cleanedURL = std::move(state.link);
+  result.paramsRemoved = removals;
   result.removedQueryParameters = std::move(state.removedQueryParameters);
   result.matchedRuleIDs = std::move(state.matchedRuleIDs);
   result.matchedCategories = std::move(state.matchedCategories);
-  result.cleanedOriginalURL = std::move(cleanedOriginalURL);
-  result.privacyRedirect = std::move(privacyRedirect);
+  result.cleanedOriginalURL = std::move(state.cleanedOriginalURL);
+  result.privacyRedirect = std::move(state.privacyRedirect);
   result.operations = std::move(state.operations);
   return result;
 }
@@ -363,13 +398,14 @@ CleanResult URLCleaner::resultAfterNetworkResolution(
     result.privacyRedirect = resolved->privacyRedirect;
   }
   if (prior) result.operations = prior->operations;
-  result.operations.push_back(CleanOperation{CleanOperationKind::networkResolution,
-                                             prior ? prior->cleanedURL : std::string(originalURL),
-                                             std::string(resolvedURL),
-                                             {},
-                                             true,
-                                             std::string(contactedHost),
-                                             std::string(kNetworkResolutionNote)});
+  CleanOperation operation;
+  operation.kind = CleanOperationKind::networkResolution;
+  operation.inputURL = prior ? prior->cleanedURL : std::string(originalURL);
+  operation.outputURL = std::string(resolvedURL);
+  operation.networkUsed = true;
+  operation.contactedHost = std::string(contactedHost);
+  operation.note = std::string(kNetworkResolutionNote);
+  result.operations.push_back(std::move(operation));
   if (resolved) {
     result.operations.insert(result.operations.end(), resolved->operations.begin(),
                              resolved->operations.end());

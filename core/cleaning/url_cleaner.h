@@ -3,7 +3,8 @@
 // In order: trim, accept only http(s) links, honour switched-off sites, unwrap redirect wrappers
 // (at most 5 levels), apply path rules, strip query parameters (the pipeline's own special cases,
 // provider rules, then fallback rules), drop Google's local-results fragment, and finally offer
-// the link to the privacy redirector. Every step is recorded as a CleanOperation.
+// the link to the privacy redirector. Every step is recorded as a CleanOperation. The parameters
+// that stay are written back exactly as they came, and every link it yields parses as a URL.
 //
 //   URLCleaner cleaner(engine, &exceptions, &recorder, "manualClean", settings);
 //   CleanOutcome outcome = cleaner.cleanWithOutcome(" https://a.com/?utm_source=x&id=1 ");
@@ -26,6 +27,7 @@
 #include "core/cleaning/last_clean_recorder.h"
 #include "core/privacy/privacy_redirect_settings.h"
 #include "core/rules/rules_engine.h"
+#include "platform/url/url_components.h"
 
 namespace linkwash {
 
@@ -63,7 +65,24 @@ class URLCleaner {
   void setPrivacyRedirectStage(PrivacyRedirectStage stage) { privacyStage_ = std::move(stage); }
 
  private:
-  std::optional<CleanResult> cleaningPass(const std::string& link, int depth);
+  struct PassState;
+  using Providers = std::vector<const CompiledProvider*>;
+
+  // One link at one nesting depth, as a chain of stages; `parsed` is the link's parse when the
+  // caller already has it.
+  std::optional<CleanResult> cleaningPass(const std::string& link, int depth,
+                                          std::optional<URLComponents> parsed);
+  // The matching providers in the engine's order, without those excepting this link.
+  Providers activeProviders(std::string_view link) const;
+  // The result of following the first web destination a wrapper names, if any.
+  std::optional<CleanResult> unwrapRedirect(const std::string& link, const Providers& providers,
+                                            int depth);
+  void applyPathRules(const Providers& providers, PassState& state);
+  // Strips tracking parameters; answers whether the link is a Google results page.
+  bool stripQuery(URLComponents& components, const Providers& providers, PassState& state);
+  void dropGoogleLocalState(URLComponents& components, PassState& state);
+  void offerPrivacyRedirect(PassState& state);
+  static CleanResult finishPass(PassState state);
 
   RulesEngine& engine_;
   DomainExceptionStore* exceptions_;
@@ -73,9 +92,5 @@ class URLCleaner {
   MatchCountSaving saving_ = MatchCountSaving::everyClean;
   PrivacyRedirectStage privacyStage_;
 };
-
-// The hosts whose remaining query is written back byte for byte, because re-encoding would
-// change what they see (for example "q=a%2Bb" becoming "q=a+b").
-bool isRawFormHost(std::string_view lowercasedHost);
 
 }  // namespace linkwash

@@ -298,9 +298,9 @@ Result<VerifiedPrivacyCatalog> PrivacyCatalogStore::install(std::string_view man
                                                             std::string_view payload,
                                                             std::string_view signature,
                                                             std::uint64_t now) const {
-  std::error_code ec;
-  fs::create_directories(root_, ec);
-  if (ec) return fail("cannot create " + root_.string() + ": " + ec.message());
+  if (auto made = files::createPrivateDirectories(root_); !made) {
+    return tl::unexpected(made.error());
+  }
   auto lock = files::ExclusiveLock::acquire(lockFile());
   if (!lock) return tl::unexpected(lock.error());
   removeStaleTemporaryFiles();

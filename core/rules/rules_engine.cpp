@@ -3,6 +3,8 @@
 #include <atomic>
 #include <filesystem>
 #include <map>
+#include <set>
+#include <type_traits>
 
 #include "base/diagnostics.h"
 #include "base/strings.h"
@@ -37,14 +39,43 @@ struct SubjectMemo {
 
 constexpr std::uint8_t kCertain = internal::PrefilterSet::kCertain;
 
+bool isWebLink(std::string_view text) {
+  return startsWithAsciiI(text, "http://") || startsWithAsciiI(text, "https://");
+}
+
 std::optional<Json> readJsonPreference(const PreferenceStore& store, std::string_view key) {
   auto data = store.dataForKey(key);
   if (!data) return std::nullopt;
   return parseJson(std::string_view(reinterpret_cast<const char*>(data->data()), data->size()));
 }
 
-void writeJsonPreference(PreferenceStore& store, std::string_view key, const Json& json) {
-  store.set(key, toBytes(writeJson(json)));
+std::optional<Json> jsonOf(const std::optional<PreferenceValue>& value) {
+  const Bytes* data = value ? std::get_if<Bytes>(&*value) : nullptr;
+  if (data == nullptr) return std::nullopt;
+  return parseJson(std::string_view(reinterpret_cast<const char*>(data->data()), data->size()));
+}
+
+template <typename T>
+Json jsonObject(const std::map<std::string, T>& sorted) {
+  Json json = Json::object();
+  for (const auto& [key, value] : sorted) json[key] = value;
+  return json;
+}
+
+// The stored map of `key`, keeping only values of the expected JSON type.
+template <typename T>
+std::map<std::string, T> storedMap(const std::optional<PreferenceValue>& value) {
+  std::map<std::string, T> map;
+  auto json = jsonOf(value);
+  if (!json || !json->is_object()) return map;
+  for (const auto& [key, item] : json->items()) {
+    if constexpr (std::is_same_v<T, bool>) {
+      if (item.is_boolean()) map[key] = item.template get<bool>();
+    } else {
+      if (item.is_number_integer()) map[key] = item.template get<T>();
+    }
+  }
+  return map;
 }
 
 std::optional<Regex> compileCustomRule(std::string_view pattern) {
@@ -150,6 +181,7 @@ void RulesEngine::postLoad() {
   reindexCatalog();
   applyPersistedState();
   loadCustomRules();
+  rememberSavedState();
   rebuildIndex();
 }
 
@@ -308,51 +340,145 @@ RuleEntry* RulesEngine::findEntry(std::string_view ruleID) const {
   return nullptr;
 }
 
-void RulesEngine::saveEnabledStates() {
-  if (!defaults_) return;
-  Json states = Json::object();
-  std::map<std::string, bool> sorted;
+void RulesEngine::rememberSavedState() {
+  savedSwitches_.clear();
+  savedCounts_.clear();
+  savedCustomRules_.clear();
   for (const auto& category : categories_) {
-    sorted["cat:" + category->id] = category->isEnabled;
-    for (const auto& entry : category->rules) sorted["rule:" + entry->id] = entry->isEnabled;
-  }
-  for (auto& [key, value] : sorted) states[key] = value;
-  writeJsonPreference(*defaults_, kEnabledStateKey, states);
-}
-
-void RulesEngine::saveMatchCounts() {
-  if (!defaults_) return;
-  // A missing key reads back as 0, so zero counts need not be written: the map stays small
-  // even with thousands of rules, which matters because it is saved after every clean.
-  std::map<std::string, std::int64_t> sorted;
-  for (const auto& category : categories_) {
-    if (category->matchCount != 0) sorted["cat:" + category->id] = category->matchCount;
+    savedSwitches_["cat:" + category->id] = category->isEnabled;
+    if (category->matchCount != 0) savedCounts_["cat:" + category->id] = category->matchCount;
     for (const auto& entry : category->rules) {
-      if (entry->matchCount != 0) sorted["rule:" + entry->id] = entry->matchCount;
+      savedSwitches_["rule:" + entry->id] = entry->isEnabled;
+      if (entry->matchCount != 0) savedCounts_["rule:" + entry->id] = entry->matchCount;
+      if (entry->source == RuleEntry::RuleSource::custom) {
+        savedCustomRules_[entry->id] = encodeRuleEntry(*entry);
+      }
     }
   }
-  Json counts = Json::object();
-  for (auto& [key, value] : sorted) counts[key] = value;
-  writeJsonPreference(*defaults_, kMatchCountsKey, counts);
 }
 
-void RulesEngine::saveCustomRules() {
-  if (!defaults_) return;
-  Json list = Json::array();
+bool RulesEngine::saveEnabledStates() {
+  if (!defaults_) return true;
+  std::map<std::string, bool> current;
   for (const auto& category : categories_) {
+    current["cat:" + category->id] = category->isEnabled;
+    for (const auto& entry : category->rules) current["rule:" + entry->id] = entry->isEnabled;
+  }
+  std::map<std::string, bool> merged;
+  const bool stored =
+      defaults_->update(kEnabledStateKey, [&](std::optional<PreferenceValue>& value) {
+        // Every rule of the catalog gets an entry (keys of rules that no longer exist go); a
+        // switch this engine did not flip keeps what another process stored meanwhile.
+        const auto inStore = storedMap<bool>(value);
+        merged.clear();
+        for (const auto& [key, on] : current) {
+          auto saved = savedSwitches_.find(key);
+          const bool switchedHere = saved == savedSwitches_.end() || saved->second != on;
+          auto other = inStore.find(key);
+          merged[key] = switchedHere || other == inStore.end() ? on : other->second;
+        }
+        value = toBytes(writeJson(jsonObject(merged)));
+        return PreferenceStore::Change::write;
+      });
+  if (!stored) return false;
+  // Take up what other processes switched meanwhile.
+  for (const auto& category : categories_) {
+    category->isEnabled = merged["cat:" + category->id];
+    for (const auto& entry : category->rules) entry->isEnabled = merged["rule:" + entry->id];
+    savedSwitches_["cat:" + category->id] = category->isEnabled;
+    for (const auto& entry : category->rules)
+      savedSwitches_["rule:" + entry->id] = entry->isEnabled;
+  }
+  return true;
+}
+
+bool RulesEngine::saveMatchCounts() {
+  if (!defaults_) return true;
+  // Only what this engine counted since its last save is added to the stored counts.
+  std::map<std::string, std::int64_t> added;
+  auto note = [&](const std::string& key, std::int64_t count) {
+    auto saved = savedCounts_.find(key);
+    const std::int64_t before = saved == savedCounts_.end() ? 0 : saved->second;
+    if (count != before) added[key] = count - before;
+  };
+  for (const auto& category : categories_) {
+    note("cat:" + category->id, category->matchCount);
+    for (const auto& entry : category->rules) note("rule:" + entry->id, entry->matchCount);
+  }
+  if (added.empty()) return true;
+  std::map<std::string, std::int64_t> merged;
+  const bool stored =
+      defaults_->update(kMatchCountsKey, [&](std::optional<PreferenceValue>& value) {
+        merged = storedMap<std::int64_t>(value);
+        for (const auto& [key, delta] : added) merged[key] += delta;
+        // A missing key reads back as 0, so zero counts need not be written: the map stays small
+        // even with thousands of rules.
+        std::erase_if(merged, [](const auto& item) { return item.second == 0; });
+        value = toBytes(writeJson(jsonObject(merged)));
+        return PreferenceStore::Change::write;
+      });
+  if (!stored) return false;
+  savedCounts_ = merged;
+  for (const auto& category : categories_) {
+    auto it = merged.find("cat:" + category->id);
+    category->matchCount = it == merged.end() ? 0 : it->second;
     for (const auto& entry : category->rules) {
-      if (entry->source == RuleEntry::RuleSource::custom) list.push_back(encodeRuleEntry(*entry));
+      auto rule = merged.find("rule:" + entry->id);
+      entry->matchCount = rule == merged.end() ? 0 : rule->second;
     }
   }
-  writeJsonPreference(*defaults_, kCustomRulesKey, list);
+  return true;
 }
 
-void RulesEngine::resetMatchCounts() {
+bool RulesEngine::saveCustomRules() {
+  if (!defaults_) return true;
+  std::vector<std::pair<std::string, Json>> current;
+  for (const auto& category : categories_) {
+    for (const auto& entry : category->rules) {
+      if (entry->source == RuleEntry::RuleSource::custom) {
+        current.emplace_back(entry->id, encodeRuleEntry(*entry));
+      }
+    }
+  }
+  const bool stored =
+      defaults_->update(kCustomRulesKey, [&](std::optional<PreferenceValue>& value) {
+        Json list = Json::array();
+        std::set<std::string, std::less<>> written;
+        auto storedList = jsonOf(value);
+        if (storedList && storedList->is_array()) {
+          for (const Json& item : *storedList) {
+            const auto id = item.is_object() && item.contains("id") && item["id"].is_string()
+                                ? item["id"].get<std::string>()
+                                : std::string();
+            auto mine = std::find_if(current.begin(), current.end(),
+                                     [&](const auto& rule) { return rule.first == id; });
+            if (mine != current.end()) {
+              list.push_back(mine->second);
+              written.insert(id);
+            } else if (!savedCustomRules_.contains(id)) {
+              list.push_back(item);  // another process added it
+            }
+          }
+        }
+        for (const auto& [id, json] : current) {
+          if (!written.contains(id)) list.push_back(json);
+        }
+        value = toBytes(writeJson(list));
+        return PreferenceStore::Change::write;
+      });
+  if (!stored) return false;
+  savedCustomRules_.clear();
+  for (auto& [id, json] : current) savedCustomRules_[id] = std::move(json);
+  return true;
+}
+
+bool RulesEngine::resetMatchCounts() {
   for (const auto& category : categories_) {
     category->matchCount = 0;
     for (const auto& entry : category->rules) entry->matchCount = 0;
   }
-  if (defaults_) defaults_->remove(kMatchCountsKey);
+  savedCounts_.clear();
+  return !defaults_ || defaults_->remove(kMatchCountsKey);
 }
 
 void RulesEngine::reloadPersistedState() {
@@ -363,20 +489,21 @@ void RulesEngine::reloadPersistedState() {
   }
   applyPersistedState();
   loadCustomRules();
+  rememberSavedState();
 }
 
-void RulesEngine::addCustomRule(std::string_view pattern, std::string_view displayName,
+bool RulesEngine::addCustomRule(std::string_view pattern, std::string_view displayName,
                                 RuleCategoryType type) {
   auto entry = std::make_shared<RuleEntry>(RuleEntry{makeRuleID(type, pattern),
                                                      std::string(pattern), std::string(displayName),
                                                      type, RuleEntry::RuleSource::custom, true, 0});
   appendCustomRule(std::move(entry), type);
   reindexCatalog();
-  saveCustomRules();
-  saveEnabledStates();
+  const bool saved = saveCustomRules();
+  return saveEnabledStates() && saved;
 }
 
-void RulesEngine::removeCustomRule(std::string_view id) {
+bool RulesEngine::removeCustomRule(std::string_view id) {
   for (const auto& category : categories_) {
     std::erase_if(category->rules, [&](const auto& entry) {
       return entry->source == RuleEntry::RuleSource::custom && entry->id == id;
@@ -385,7 +512,7 @@ void RulesEngine::removeCustomRule(std::string_view id) {
   std::erase_if(fallbackRules_,
                 [&](const FallbackRule& rule) { return rule.isCustom && rule.ruleID == id; });
   reindexCatalog();
-  saveCustomRules();
+  return saveCustomRules();
 }
 
 std::optional<std::string> RulesEngine::exportRules() const {
@@ -413,21 +540,20 @@ bool RulesEngine::importRules(std::string_view data) {
     }
   }
   reindexCatalog();
-  saveCustomRules();
-  saveEnabledStates();
-  return true;
+  const bool saved = saveCustomRules();
+  return saveEnabledStates() && saved;
 }
 
-void RulesEngine::resetToDefaults() {
+bool RulesEngine::resetToDefaults() {
   for (const auto& category : categories_) {
     category->isEnabled = true;
     for (const auto& entry : category->rules) entry->isEnabled = true;
   }
   removeCustomRules();
-  if (defaults_) {
-    defaults_->remove(kEnabledStateKey);
-    defaults_->remove(kCustomRulesKey);
-  }
+  rememberSavedState();
+  if (!defaults_) return true;
+  const bool switches = defaults_->remove(kEnabledStateKey);
+  return defaults_->remove(kCustomRulesKey) && switches;
 }
 
 // ---- Index -------------------------------------------------------------------------------------
@@ -603,9 +729,15 @@ std::optional<std::string> RulesEngine::extractRedirection(std::string_view url,
     auto match = redirection.regex.firstMatch(url);
     if (!match || match->ranges.size() < 2 || !match->ranges[1]) continue;
     const std::string_view captured = *match->group(url, 1);
-    auto decoded = percentDecode(captured);
-    std::string target = decoded ? std::move(*decoded) : std::string(captured);
-    if (startsWithAsciiI(target, "http://") || startsWithAsciiI(target, "https://")) return target;
+    // A literal link is taken as written: decoding it would turn its own "%20" into a space.
+    std::string target(captured);
+    if (!isWebLink(target)) {
+      auto decoded = percentDecode(captured);
+      if (decoded) target = std::move(*decoded);
+    }
+    // Only a destination that is itself a URL counts: a decoded "%0A" must never let a line
+    // break (or a NUL) out of a wrapper.
+    if (isWebLink(target) && URLComponents::parse(target)) return target;
   }
   return std::nullopt;
 }

@@ -88,19 +88,24 @@ class RulesEngine {
 
   // --- Catalog and persistence -------------------------------------------------------------
   const RuleCatalog& categories() const { return categories_; }
-  void saveEnabledStates();
-  void saveMatchCounts();
-  void saveCustomRules();
-  void resetMatchCounts();
+  // Each save writes this engine's changes since it last loaded or saved over what the store
+  // holds now, in one transaction, so changes other processes made meanwhile are kept (match
+  // counts add up). False when the store could not be written.
+  bool saveEnabledStates();
+  bool saveMatchCounts();
+  bool saveCustomRules();
+  bool resetMatchCounts();
   void reloadPersistedState();
-  void addCustomRule(std::string_view pattern, std::string_view displayName,
+  // Both save at once; false when the change could not be saved.
+  bool addCustomRule(std::string_view pattern, std::string_view displayName,
                      RuleCategoryType category);
-  void removeCustomRule(std::string_view id);
+  bool removeCustomRule(std::string_view id);
   std::optional<std::string> exportRules() const;
   // Applies category switches and custom rules from an export; undecodable data changes nothing
-  // (the answer is false then).
+  // (the answer is false then, as when the outcome could not be saved).
   bool importRules(std::string_view data);
-  void resetToDefaults();
+  // False when the stored switches and custom rules could not be removed.
+  bool resetToDefaults();
   // The first category of `type`, or null.
   RuleCategory* category(RuleCategoryType type) const { return firstCategory_[index(type)]; }
   // The entry with this ID in the first category of `type`, or null.
@@ -165,6 +170,8 @@ class RulesEngine {
   void removeCustomRules();
   void appendCustomRule(std::shared_ptr<RuleEntry> entry, RuleCategoryType into);
   void reindexCatalog();
+  // Records the catalog's switches, counts and custom rules as what the store holds.
+  void rememberSavedState();
   void rebuildIndex();
   void rebuildFallbackIndexIfNeeded() const;
   std::string normalForm(std::string_view url) const;
@@ -190,6 +197,10 @@ class RulesEngine {
   std::vector<CompiledProvider> compiledProviders_;
   std::vector<FallbackRule> fallbackRules_;
   bool statsCollectionEnabled_ = true;
+  // What this engine last read from or wrote to the store: a save writes only what differs.
+  std::map<std::string, bool> savedSwitches_;
+  std::map<std::string, std::int64_t> savedCounts_;
+  std::map<std::string, Json, std::less<>> savedCustomRules_;  // by rule ID, as encoded
 
   std::array<RuleCategory*, 8> firstCategory_{};
   std::array<std::map<std::string_view, RuleEntry*, std::less<>>, 8> entryIndex_;

@@ -499,7 +499,7 @@ void RulesUpdater::migrateLegacyRules() {
   if (!fs::is_regular_file(legacy, ec)) return;
   const fs::path target = root_ / "active" / SignedRuleFeed::kClearURLsFileName;
   if (fs::exists(target, ec)) return;  // moved by an earlier start
-  if (!ec) fs::create_directories(target.parent_path(), ec);
+  if (!ec && !files::createPrivateDirectories(target.parent_path())) return;
   if (!ec) fs::rename(legacy, target, ec);
   if (ec == std::errc::cross_device_link) {
     ec.clear();

@@ -244,10 +244,8 @@ void SignedRuleFeed::Store::removeStaleTemporaryFiles() const {
 RuleUpdateResult<void> SignedRuleFeed::Store::install(const Record& record,
                                                       std::string_view floor) const {
   std::error_code ec;
-  fs::create_directories(root_, ec);
-  if (ec) {
-    return tl::unexpected(
-        RuleUpdateError::fileSystem("cannot create " + root_.string() + ": " + ec.message()));
+  if (auto made = files::createPrivateDirectories(root_); !made) {
+    return tl::unexpected(RuleUpdateError::fileSystem(made.error().message));
   }
   auto lock = files::ExclusiveLock::acquire(lockFile());
   if (!lock) return tl::unexpected(RuleUpdateError::fileSystem(lock.error().message));

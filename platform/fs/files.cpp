@@ -48,11 +48,7 @@ void syncDirectory(const fs::path& directory) {
 }
 
 Result<void> ensureDirectory(const fs::path& directory) {
-  if (directory.empty()) return {};
-  std::error_code ec;
-  fs::create_directories(directory, ec);
-  if (ec) return fail(describe("cannot create folder", directory, ec.value()));
-  return {};
+  return createPrivateDirectories(directory);
 }
 
 }  // namespace
@@ -108,6 +104,23 @@ Result<void> writeFileAtomically(const fs::path& path, std::string_view bytes) {
     return fail(describe("cannot replace", path, error));
   }
   syncDirectory(directory.empty() ? fs::path(".") : directory);
+  return {};
+}
+
+Result<void> createPrivateDirectories(const fs::path& directory) {
+  if (directory.empty()) return {};
+  std::error_code ec;
+  if (fs::is_directory(directory, ec)) return {};
+  if (directory.has_parent_path() && directory.parent_path() != directory) {
+    if (auto parent = createPrivateDirectories(directory.parent_path()); !parent) return parent;
+  }
+  // mkdir's mode is only ever narrowed by the umask, so 0700 stays 0700.
+  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+    return fail(describe("cannot create folder", directory, errno));
+  }
+  if (!fs::is_directory(directory, ec)) {
+    return fail(describe("cannot create folder", directory, ENOTDIR));
+  }
   return {};
 }
 

@@ -14,8 +14,12 @@ namespace linkwash::files {
 std::optional<std::string> readFile(const std::filesystem::path& path);
 
 // Writes to a temporary file beside `path` (mode 0600), fsyncs it and renames it over `path`,
-// so a reader sees the old file or the new one, never a mixture. Creates missing folders.
+// so a reader sees the old file or the new one, never a mixture. Creates missing folders (0700).
 Result<void> writeFileAtomically(const std::filesystem::path& path, std::string_view bytes);
+
+// Creates `directory` and any missing parents with mode 0700 whatever the umask (what they hold
+// is one person's); folders that exist are left as they are.
+Result<void> createPrivateDirectories(const std::filesystem::path& directory);
 
 // An exclusive flock held for the object's lifetime. The lock file is created 0600.
 class ExclusiveLock {

@@ -2,6 +2,8 @@
 // records are compared byte for byte.
 #include "platform/json/json_writer.h"
 
+#include "base/strings.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -75,8 +77,18 @@ void writeString(std::string& out, std::string_view text, bool escapeSlashes) {
       default:
         break;
     }
-    if (escape == nullptr && byte >= 0x20) {
-      continue;  // DEL and every byte of non-ASCII text go out as they are
+    if (escape == nullptr && byte >= 0x20 && byte < 0x80) continue;
+    if (escape == nullptr && byte >= 0x80) {
+      // Non-ASCII text goes out as it is; a byte that is not part of UTF-8 cannot be JSON, so it
+      // becomes U+FFFD rather than spoiling the whole document for every reader.
+      if (const std::size_t len = utf8SequenceLength(text, i); len > 0) {
+        i += len - 1;
+        continue;
+      }
+      out.append(text, runStart, i - runStart);
+      runStart = i + 1;
+      out += "\xEF\xBF\xBD";
+      continue;
     }
     out.append(text, runStart, i - runStart);
     runStart = i + 1;

@@ -25,7 +25,8 @@ struct JsonWriteOptions {
 std::optional<Json> parseJson(std::string_view text);
 
 // Strings escape `"`, `\`, "/" (unless told not to) and control characters (\b \f \n \r \t by
-// name, others as \u00xx); every other byte, invalid UTF-8 included, is copied. Non-finite
+// name, others as \u00xx); UTF-8 text is copied, and each byte that is not part of UTF-8 is
+// written as U+FFFD, so the output is always valid JSON text. Non-finite
 // doubles and binary values, which no record holds, are written as null.
 std::string writeJson(const Json& value, const JsonWriteOptions& options = {});
 

@@ -2,6 +2,7 @@
 // on every access so that several processes share live preferences.
 #include "platform/prefs/preference_store.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <system_error>
 #include <thread>
 
+#include "platform/fs/files.h"
 #include "platform/fs/paths.h"
 
 namespace linkwash {
@@ -182,10 +184,9 @@ struct SharedStore {
   ino_t inode = 0;
 };
 
-std::shared_ptr<PreferenceStore> inMemoryStandIn(const std::string& why) {
-  std::fprintf(stderr, "linkwash: %s; using temporary preferences for this run\n", why.c_str());
-  return PreferenceStore::open(":memory:");
-}
+// Silent: whether a temporary store is acceptable depends on the command (one that only cleans
+// goes on; one that changes a setting must fail), so callers check isTemporary() and say so.
+std::shared_ptr<PreferenceStore> inMemoryStandIn() { return PreferenceStore::open(":memory:"); }
 
 std::shared_ptr<PreferenceStore> sharedStore(const fs::path& path) {
   // Never destroyed, so a store requested during static destruction still finds its cache.
@@ -212,7 +213,7 @@ std::shared_ptr<PreferenceStore> sharedStore(const fs::path& path) {
     entry.device = info.st_dev;
     entry.inode = info.st_ino;
   } else if (!store) {
-    store = inMemoryStandIn("cannot open preferences at " + path.string());
+    store = inMemoryStandIn();
     entry.standIn = true;
   }
   entry.store = store;
@@ -238,18 +239,21 @@ std::shared_ptr<PreferenceStore> PreferenceStore::standard() {
 std::shared_ptr<PreferenceStore> PreferenceStore::suite(std::string_view name) {
   if (name.empty() || name == "." || name == ".." || name.find('/') != std::string_view::npos ||
       name.find('\0') != std::string_view::npos) {
-    return inMemoryStandIn("\"" + std::string(name) + "\" is not a usable preference suite name");
+    return inMemoryStandIn();
   }
   return sharedStore(paths::preferences() / (std::string(name) + ".sqlite3"));
 }
 
 std::shared_ptr<PreferenceStore> PreferenceStore::open(const fs::path& path) {
   if (path == ":memory:") return openDatabase(":memory:", fs::path());
-  if (path.has_parent_path()) {
-    std::error_code ec;
-    fs::create_directories(path.parent_path(), ec);
-    if (ec) return nullptr;
+  if (path.has_parent_path() && !files::createPrivateDirectories(path.parent_path())) {
+    return nullptr;
   }
+  // The database says which sites a person switched off; it is theirs alone whatever the
+  // umask. SQLite gives its journal files the database's own mode.
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) return nullptr;
+  ::close(fd);
   return openDatabase(path.string(), path);
 }
 
@@ -290,6 +294,10 @@ bool PreferenceStore::prepareStatements() {
 
 std::optional<PreferenceValue> PreferenceStore::object(std::string_view key) const {
   std::lock_guard lock(mutex_);
+  return readLocked(key);
+}
+
+std::optional<PreferenceValue> PreferenceStore::readLocked(std::string_view key) const {
   StatementUse use(selectOne_);
   if (!bindText(selectOne_, 1, key)) return std::nullopt;
   if (sqlite3_step(selectOne_) != SQLITE_ROW) return std::nullopt;
@@ -360,6 +368,10 @@ std::optional<Bytes> PreferenceStore::dataForKey(std::string_view key) const {
 
 bool PreferenceStore::set(std::string_view key, const PreferenceValue& value) {
   std::lock_guard lock(mutex_);
+  return writeLocked(key, value);
+}
+
+bool PreferenceStore::writeLocked(std::string_view key, const PreferenceValue& value) {
   StatementUse use(upsert_);
   if (!bindText(upsert_, 1, key)) return false;
   auto bindTyped = [&](StoredType type, auto bindValue) {
@@ -397,8 +409,35 @@ bool PreferenceStore::set(std::string_view key, const PreferenceValue& value) {
 
 bool PreferenceStore::remove(std::string_view key) {
   std::lock_guard lock(mutex_);
+  return removeLocked(key);
+}
+
+bool PreferenceStore::removeLocked(std::string_view key) {
   StatementUse use(deleteOne_);
   return bindText(deleteOne_, 1, key) && sqlite3_step(deleteOne_) == SQLITE_DONE;
+}
+
+bool PreferenceStore::update(std::string_view key,
+                             const std::function<Change(std::optional<PreferenceValue>&)>& edit) {
+  std::lock_guard lock(mutex_);
+  // IMMEDIATE takes the write lock before the read, so two processes editing the same list
+  // queue up instead of both editing the value they read.
+  if (!execute(db_, "BEGIN IMMEDIATE")) return false;
+  std::optional<PreferenceValue> value = readLocked(key);
+  bool stored = true;
+  switch (edit(value)) {
+    case Change::keep:
+      break;
+    case Change::write:
+      stored = value ? writeLocked(key, *value) : removeLocked(key);
+      break;
+    case Change::remove:
+      stored = removeLocked(key);
+      break;
+  }
+  if (stored && sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK) return true;
+  sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  return false;
 }
 
 std::vector<std::pair<std::string, PreferenceValue>> PreferenceStore::all() const {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -35,8 +36,9 @@ class PreferenceStore {
   // The standard store every executable shares ("standard.sqlite3" in the preferences folder).
   // Never null. Calls with the same preferences folder share one open store while anyone holds
   // it; moving LINKWASH_HOME yields the store of the new folder. When the database cannot be
-  // opened, a warning goes to stderr and an empty in-memory store (with an empty path()) stands
-  // in, so the program still runs on default values.
+  // opened for writing, an empty in-memory store stands in (isTemporary()), so a program that
+  // only reads settings still runs on default values; nothing is printed, the caller decides.
+  // A new database is created 0600 in folders created 0700.
   static std::shared_ptr<PreferenceStore> standard();
   // The store of a named suite (an app group such as "group.com.morvellabs.linkwash"), kept in
   // "<name>.sqlite3" beside the standard store. Never null, as standard(); a name that is not a
@@ -66,11 +68,23 @@ class PreferenceStore {
   // success).
   bool set(std::string_view key, const PreferenceValue& value);
   bool remove(std::string_view key);
+
+  // What an update does with the value it edited.
+  enum class Change { keep, write, remove };
+  // Reads `key`, lets `edit` change the value (absent when the key is) and stores the outcome,
+  // all in one transaction that holds the database's write lock from the read to the write, so
+  // a change another process makes meanwhile is never lost. Every read-modify-write of a stored
+  // list or map goes through here. `edit` must not use this store. False when the outcome could
+  // not be stored (the database is then unchanged).
+  bool update(std::string_view key,
+              const std::function<Change(std::optional<PreferenceValue>& value)>& edit);
   // Every key and value, sorted by key.
   std::vector<std::pair<std::string, PreferenceValue>> all() const;
 
   // The database file; empty for the in-memory stand-in.
   const std::filesystem::path& path() const { return path_; }
+  // True for the in-memory stand-in: nothing written to it outlives the process.
+  bool isTemporary() const { return path_.empty(); }
 
  private:
   PreferenceStore(sqlite3* db, std::filesystem::path path);
@@ -78,6 +92,10 @@ class PreferenceStore {
   static std::shared_ptr<PreferenceStore> openDatabase(const std::string& filename,
                                                        std::filesystem::path path);
   bool prepareStatements();
+  // The statements behind the public calls; the caller holds mutex_.
+  std::optional<PreferenceValue> readLocked(std::string_view key) const;
+  bool writeLocked(std::string_view key, const PreferenceValue& value);
+  bool removeLocked(std::string_view key);
 
   sqlite3* db_;
   std::filesystem::path path_;

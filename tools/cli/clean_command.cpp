@@ -16,6 +16,7 @@
 #include "core/cleaning/url_cleaner.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/link_commands.h"
+#include "tools/cli/settings_access.h"
 
 namespace linkwash::cli {
 namespace {
@@ -97,13 +98,15 @@ std::string describeOutcome(const CleanOutcome& outcome, std::string_view line) 
   return text + describeTrackingImpact(r);
 }
 
-std::string render(const CleanOutcome& outcome, std::string_view line, Format format) {
+// `ending` is the input line's own line ending, given back with every format.
+std::string render(const CleanOutcome& outcome, std::string_view line, Format format,
+                   std::string_view ending = "\n") {
   if (format == Format::explain) return describeOutcome(outcome, line);
   if (format == Format::json) {
     Json json = Json::object();
     switch (outcome.kind) {
       case CleanOutcome::Kind::cleaned:
-        return jsonLine(encodeCleanResult(*outcome.result)) + "\n";
+        return jsonLine(encodeCleanResult(*outcome.result)) + std::string(ending);
       case CleanOutcome::Kind::skippedDisabled:
         json["outcome"] = "skippedDisabled";
         json["host"] = outcome.host;
@@ -116,10 +119,12 @@ std::string render(const CleanOutcome& outcome, std::string_view line, Format fo
         break;
     }
     json["url"] = std::string(line);
-    return jsonLine(json) + "\n";
+    return jsonLine(json) + std::string(ending);
   }
-  if (outcome.kind == CleanOutcome::Kind::cleaned) return outcome.result->cleanedURL + "\n";
-  return std::string(line) + "\n";
+  if (outcome.kind == CleanOutcome::Kind::cleaned) {
+    return outcome.result->cleanedURL + std::string(ending);
+  }
+  return std::string(line) + std::string(ending);
 }
 
 int runClean(const CleanOptions& options) {
@@ -137,6 +142,7 @@ int runClean(const CleanOptions& options) {
     return 1;
   }
   Session& session = **opened;
+  warnIfCountsAreNotKept(session.standardStore());
   RulesEngine* engine = &session.rulesEngine();
   URLCleaner cleaner = session.makeCleaner(std::string(kCommandLineSurface));
   // Saving after every link would make a stream crawl; counts are saved on a timer and at the end.
@@ -169,11 +175,18 @@ int runClean(const CleanOptions& options) {
   ssize_t length = 0;
   while (stopSignal.load() == 0 && (length = getline(&line, &capacity, stdin)) >= 0) {
     std::string_view text(line, static_cast<std::size_t>(length));
-    if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+    // Each line keeps its own ending, so a file with CR LF lines stays one.
+    std::string_view ending = "\n";
+    if (endsWith(text, "\r\n")) {
+      ending = "\r\n";
+      text.remove_suffix(2);
+    } else if (endsWith(text, "\n")) {
+      text.remove_suffix(1);
+    }
     const CleanOutcome outcome = cleaner.cleanWithOutcome(text);
     if (counter) counter->add(outcome);
-    const std::string out = render(outcome, text, format);
-    std::fwrite(out.data(), 1, out.size(), stdout);
+    const std::string out = render(outcome, text, format, ending);
+    if (std::fwrite(out.data(), 1, out.size(), stdout) != out.size()) break;  // reported by main
     if (interactive) std::fflush(stdout);
     // Checking the clock every few hundred lines keeps the timer off the per-line cost.
     if (++sinceSave >= 256) {

@@ -12,6 +12,7 @@
 #include "base/strings.h"
 #include "platform/prefs/preference_store.h"
 #include "tools/cli/commands.h"
+#include "tools/cli/settings_access.h"
 
 namespace linkwash::cli {
 namespace {
@@ -206,6 +207,7 @@ int runWrite(std::vector<std::string> arguments, bool group) {
   if (!value) return failWith("write", error);
   auto store = openStore(group);
   if (!store) return failWith("write", "cannot open " + storeName(group));
+  if (!storeKeepsSettings(*store, "defaults write")) return 1;
   if (!store->set(key, *value)) {
     return failWith("write", "could not save \"" + key + "\" in " + storeName(group));
   }
@@ -216,6 +218,7 @@ int runDelete(const std::string& key, bool group) {
   if (key.empty()) return failWith("delete", "expected the KEY to delete");
   auto store = openStore(group);
   if (!store) return failWith("delete", "cannot open " + storeName(group));
+  if (!storeKeepsSettings(*store, "defaults delete")) return 1;
   if (!store->object(key))
     return failWith("delete", "no key \"" + key + "\" in " + storeName(group));
   if (!store->remove(key)) {

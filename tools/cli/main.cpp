@@ -1,8 +1,11 @@
 // `linkwash`: the command-line face of the library. Argument parsing only; the work is the
 // library's.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "base/diagnostics.h"
+#include "base/strings.h"
 #include "tools/cli/commands.h"
 
 int main(int argc, char** argv) {
@@ -15,6 +18,14 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", std::string("linkwash ") + LINKWASH_VERSION);
   // Commands print their data on standard output; the library's warnings must not mix with it.
   linkwash::setDiagnosticSink(linkwash::standardErrorSink());
+  // Arguments end up in stored JSON and in output other programs parse; bytes that are not text
+  // would make a stored list unreadable, so they are refused before anything runs.
+  for (int i = 1; i < argc; ++i) {
+    if (!linkwash::isValidUtf8(argv[i])) {
+      std::fprintf(stderr, "linkwash: argument %d is not valid UTF-8 text; nothing was done\n", i);
+      return 2;
+    }
+  }
   int exitCode = 0;
   linkwash::cli::addCleanCommand(app, exitCode);
   linkwash::cli::addSitesCommand(app, exitCode);
@@ -34,6 +45,14 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     return app.exit(e);
   }
-  std::fflush(stdout);
+  // Output that did not reach its destination (a full disk, a closed pipe) is a failure: a
+  // caller must never take a truncated result for a complete one.
+  const bool flushed = std::fflush(stdout) == 0;
+  const int error = errno;
+  if (!flushed || std::ferror(stdout)) {
+    std::fprintf(stderr, "linkwash: cannot write the output: %s\n",
+                 flushed ? "a write failed" : std::strerror(error));
+    return exitCode != 0 ? exitCode : 1;
+  }
   return exitCode;
 }

@@ -10,6 +10,7 @@
 #include "core/privacy/privacy_redirector.h"
 #include "core/privacy/x_redirect_settings_view.h"
 #include "tools/cli/commands.h"
+#include "tools/cli/settings_access.h"
 
 namespace linkwash::cli {
 namespace {
@@ -87,6 +88,10 @@ int runSetChoice(const std::string& raw) {
     return 1;
   }
   Screen screen;
+  if (!storeKeepsSettings(screen.session->standardStore(), "redirect x") ||
+      !storeKeepsSettings(screen.session->groupStore(), "redirect x")) {
+    return 1;
+  }
   screen.view.setChoice(*choice);
   render(screen);
   return 0;
@@ -94,6 +99,10 @@ int runSetChoice(const std::string& raw) {
 
 int runSetInstance(const std::string& id) {
   Screen screen;
+  if (!storeKeepsSettings(screen.session->standardStore(), "redirect x") ||
+      !storeKeepsSettings(screen.session->groupStore(), "redirect x")) {
+    return 1;
+  }
   // As in the picker: an eligible service, no selection, or the selection already stored.
   const auto services = screen.view.eligibleServices();
   bool offered = id.empty() || id == screen.view.selectedInstance();
@@ -120,6 +129,10 @@ int runAutomatic(const std::string& value) {
     return 1;
   }
   Screen screen;
+  if (!storeKeepsSettings(screen.session->standardStore(), "redirect x") ||
+      !storeKeepsSettings(screen.session->groupStore(), "redirect x")) {
+    return 1;
+  }
   screen.view.setAutomatic(*automatic);
   render(screen);
   return 0;
@@ -139,12 +152,15 @@ int runReddit(const std::string& value, const std::optional<std::string>& fronte
     return 1;
   }
   Screen screen;
-  screen.session->standardStore().set(PrivacyRedirectSettings::kRedditRedirectEnabledKey,
-                                      PreferenceValue{*enabled});
+  if (!storeKeepsSettings(screen.session->standardStore(), "redirect reddit")) return 1;
+  bool saved = screen.session->standardStore().set(
+      PrivacyRedirectSettings::kRedditRedirectEnabledKey, PreferenceValue{*enabled});
   if (frontend) {
-    screen.session->standardStore().set(PrivacyRedirectSettings::kRedditFrontendBaseURLKey,
-                                        PreferenceValue{*frontend});
+    saved = screen.session->standardStore().set(PrivacyRedirectSettings::kRedditFrontendBaseURLKey,
+                                                PreferenceValue{*frontend}) &&
+            saved;
   }
+  if (!saved) return failedToSave("redirect reddit", "the Reddit redirect");
   render(screen);
   return 0;
 }

@@ -1,6 +1,7 @@
 // `linkwash rules`: the rule catalog from the shell. Lists categories and rules, switches them,
 // manages custom rules, exports and imports the catalog and validates candidate rule files.
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -10,6 +11,7 @@
 #include "core/rules/rules_engine.h"
 #include "platform/fs/files.h"
 #include "tools/cli/commands.h"
+#include "tools/cli/settings_access.h"
 
 namespace linkwash::cli {
 namespace {
@@ -26,6 +28,19 @@ struct OpenedEngine {
 };
 
 OpenedEngine openEngine() { return {}; }
+
+// The engine for a command that changes the catalog; null (after saying why) when the change
+// could not be kept.
+std::unique_ptr<RulesEngine> openEngineForChanges(std::string_view subcommand) {
+  if (!storeKeepsSettings(*PreferenceStore::standard(), "rules " + std::string(subcommand))) {
+    return nullptr;
+  }
+  return openEngine();
+}
+
+int failedToSaveRules(std::string_view subcommand) {
+  return failedToSave("rules " + std::string(subcommand), "the rule catalog");
+}
 
 std::optional<std::string> readInput(const std::string& path) {
   if (path == "-") {
@@ -74,19 +89,21 @@ int runList(bool json, const std::string& only) {
 
 int runSwitch(const std::string& id, bool enable) {
   const char* verb = enable ? "enable" : "disable";
-  auto engine = openEngine();
+  auto engine = openEngineForChanges(verb);
+  if (!engine) return 1;
+  bool saved = true;
   if (auto type = ruleCategoryTypeFromRaw(id)) {
     engine->category(*type)->isEnabled = enable;
   } else if (RuleEntry* entry = engine->findEntry(id)) {
     entry->isEnabled = enable;
     // A custom rule keeps its switch with its definition as well.
-    if (entry->source == RuleEntry::RuleSource::custom) engine->saveCustomRules();
+    if (entry->source == RuleEntry::RuleSource::custom) saved = engine->saveCustomRules();
   } else {
     return failWith(verb, "no category or rule named \"" + id +
                               "\" (see `linkwash rules list`; categories are " + categoryNames() +
                               ")");
   }
-  engine->saveEnabledStates();
+  if (!engine->saveEnabledStates() || !saved) return failedToSaveRules(verb);
   std::cout << id << ": " << (enable ? "enabled" : "disabled") << '\n';
   return 0;
 }
@@ -98,23 +115,27 @@ int runAddCustom(const std::string& pattern, const std::string& name, const std:
     return failWith("add-custom",
                     "unknown category \"" + cat + "\"; use one of " + categoryNames());
   }
-  auto engine = openEngine();
+  auto engine = openEngineForChanges("add-custom");
+  if (!engine) return 1;
   const std::string id = makeRuleID(*type, pattern);
   if (engine->entry(id, *type) != nullptr) {
     return failWith("add-custom", "a rule with the ID \"" + id + "\" already exists");
   }
-  engine->addCustomRule(pattern, name.empty() ? pattern : name, *type);
+  if (!engine->addCustomRule(pattern, name.empty() ? pattern : name, *type)) {
+    return failedToSaveRules("add-custom");
+  }
   std::cout << "added " << id << '\n';
   return 0;
 }
 
 int runRemoveCustom(const std::string& id) {
-  auto engine = openEngine();
+  auto engine = openEngineForChanges("remove-custom");
+  if (!engine) return 1;
   RuleEntry* entry = engine->findEntry(id);
   if (entry == nullptr || entry->source != RuleEntry::RuleSource::custom) {
     return failWith("remove-custom", "no custom rule with the ID \"" + id + "\"");
   }
-  engine->removeCustomRule(id);
+  if (!engine->removeCustomRule(id)) return failedToSaveRules("remove-custom");
   std::cout << "removed " << id << '\n';
   return 0;
 }
@@ -127,6 +148,11 @@ int runExport(const std::string& path) {
     std::cout << *exported << '\n';
     return 0;
   }
+  // The export goes where it was asked to or nowhere: a mistyped folder is not created.
+  if (const auto folder = std::filesystem::path(path).parent_path();
+      !folder.empty() && !std::filesystem::is_directory(folder)) {
+    return failWith("export", "cannot write " + path + ": there is no folder " + folder.string());
+  }
   if (auto written = files::writeFileAtomically(path, *exported); !written) {
     return failWith("export", "cannot write " + path + ": " + written.error().message);
   }
@@ -137,7 +163,8 @@ int runExport(const std::string& path) {
 int runImport(const std::string& path) {
   auto bytes = readInput(path);
   if (!bytes) return failWith("import", "cannot read " + path);
-  auto engine = openEngine();
+  auto engine = openEngineForChanges("import");
+  if (!engine) return 1;
   if (!engine->importRules(*bytes)) {
     return failWith("import", path +
                                   " is not a rule catalog export (expected the JSON of "
@@ -242,8 +269,15 @@ void addRulesCommand(CLI::App& app, int& exitCode) {
   CLI::App* reset = rules->add_subcommand(
       "reset", "Switch every category and rule back on and delete all custom rules (counts stay)");
   reset->callback([&exitCode] {
-    auto engine = openEngine();
-    engine->resetToDefaults();
+    auto engine = openEngineForChanges("reset");
+    if (!engine) {
+      exitCode = 1;
+      return;
+    }
+    if (!engine->resetToDefaults()) {
+      exitCode = failedToSaveRules("reset");
+      return;
+    }
     std::cout << "every rule is on again and custom rules are gone\n";
     exitCode = 0;
   });
@@ -251,8 +285,15 @@ void addRulesCommand(CLI::App& app, int& exitCode) {
   CLI::App* resetCounts =
       rules->add_subcommand("reset-counts", "Set every match count to zero (switches stay)");
   resetCounts->callback([&exitCode] {
-    auto engine = openEngine();
-    engine->resetMatchCounts();
+    auto engine = openEngineForChanges("reset-counts");
+    if (!engine) {
+      exitCode = 1;
+      return;
+    }
+    if (!engine->resetMatchCounts()) {
+      exitCode = failedToSaveRules("reset-counts");
+      return;
+    }
     std::cout << "match counts cleared\n";
     exitCode = 0;
   });

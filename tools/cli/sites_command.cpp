@@ -6,6 +6,7 @@
 #include "base/strings.h"
 #include "core/cleaning/domain_exception_store.h"
 #include "tools/cli/commands.h"
+#include "tools/cli/settings_access.h"
 
 namespace linkwash::cli {
 namespace {
@@ -27,15 +28,14 @@ int runSwitch(const std::string& hostOrURL, bool disable) {
               << "\" is neither a host name (example.com) nor an http(s) link\n";
     return 1;
   }
+  const char* verb = disable ? "sites disable" : "sites enable";
   auto session = openSession();
+  if (!storeKeepsSettings(session->standardStore(), verb)) return 1;
   DomainExceptionStore& store = session->exceptions();
-  if (disable) {
-    store.disable(*host);
-    std::cout << "cleaning is off for " << *host << '\n';
-  } else {
-    store.enable(*host);
-    std::cout << "cleaning is on for " << *host << '\n';
+  if (!(disable ? store.disable(*host) : store.enable(*host))) {
+    return failedToSave(verb, "the list of sites");
   }
+  std::cout << "cleaning is " << (disable ? "off" : "on") << " for " << *host << '\n';
   return 0;
 }
 

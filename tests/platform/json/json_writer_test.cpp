@@ -28,7 +28,11 @@ TEST(JsonWriterTest, EscapesStringsLikeTheOriginalEncoder) {
       {"é€😀", "\"é€😀\""},
       {"line\xE2\x80\xA8sep", "\"line\xE2\x80\xA8sep\""},
       {"https://a/b", R"("https:\/\/a\/b")"},
-      {"bad\xFFutf8", "\"bad\xFFutf8\""},
+      // bytes that are not UTF-8 cannot be JSON text: each becomes U+FFFD
+      {"bad\xFFutf8", "\"bad\xEF\xBF\xBDutf8\""},
+      {"\xC3(\xE2\x82\xC0\x80\xED\xA0\x80",
+       "\"\xEF\xBF\xBD("
+       "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\""},
   };
   for (const auto& [text, expected] : cases) {
     EXPECT_EQ(writeJson(Json(text)), expected) << expected;
