@@ -25,17 +25,19 @@ int failWith(std::string_view subcommand, std::string_view message) {
 struct OpenedEngine {
   std::unique_ptr<Session> session = openSession();
   RulesEngine* operator->() { return &session->rulesEngine(); }
+  explicit operator bool() const { return session != nullptr; }
 };
 
 OpenedEngine openEngine() { return {}; }
 
 // The engine for a command that changes the catalog; null (after saying why) when the change
 // could not be kept.
-std::unique_ptr<RulesEngine> openEngineForChanges(std::string_view subcommand) {
-  if (!storeKeepsSettings(*PreferenceStore::standard(), "rules " + std::string(subcommand))) {
-    return nullptr;
+OpenedEngine openEngineForChanges(std::string_view subcommand) {
+  OpenedEngine opened = openEngine();
+  if (!storeKeepsSettings(opened.session->standardStore(), "rules " + std::string(subcommand))) {
+    opened.session.reset();
   }
-  return openEngine();
+  return opened;
 }
 
 int failedToSaveRules(std::string_view subcommand) {
