@@ -181,7 +181,7 @@ Json ExtensionMessageHandler::setDomainDisabled(const Json& message) const {
   }
   DomainExceptionStore& exceptions = sharedExceptionStore();
   if (*disabled) {
-    exceptions.disable(*host);
+    if (!exceptions.disable(*host)) return object({{"ok", false}, {"error", "Host name too long"}});
   } else {
     exceptions.enable(*host);
   }
@@ -256,7 +256,7 @@ Json ExtensionMessageHandler::buildMissedReport(const Json& message) const {
   if (build->empty()) build.reset();
   const MissedTrackerReport report = MissedTrackerReportBuilder::build(
       result, MissedTrackerReport::Platform::linux, operatingSystemVersionString(),
-      std::move(version), std::move(build), MissedTrackerReport::Surface::safariExtension,
+      std::move(version), std::move(build), MissedTrackerReport::Surface::browserExtension,
       std::move(note), std::nullopt, std::nullopt, std::chrono::system_clock::now());
 
   Json reply = object({{"ok", true}, {"subject", report.subject()}, {"body", report.bodyText()}});

@@ -77,13 +77,14 @@ bool DomainExceptionStore::isDisabledURL(std::string_view urlString) const {
   return host && isDisabled(*host);
 }
 
-void DomainExceptionStore::disable(std::string_view host) {
+bool DomainExceptionStore::disable(std::string_view host) {
   std::string normalized = normalize(host);
+  if (normalized.size() > kMaxHostBytes) return false;
   std::lock_guard lock(mutex_);
   std::vector<DomainException> list = load();
   const bool present = std::any_of(list.begin(), list.end(),
                                    [&](const DomainException& e) { return e.host == normalized; });
-  if (present) return;
+  if (present) return true;
   list.push_back(DomainException{std::move(normalized)});
   // The store reports a write that did not reach the database, but the user's choice still holds
   // for this process, as it would have with a store that cannot report failures.
@@ -91,6 +92,7 @@ void DomainExceptionStore::disable(std::string_view host) {
   for (const DomainException& entry : list) json.push_back(encodeDomainException(entry));
   defaults_->set(kStorageKey, toBytes(writeJson(json)));
   publish(std::move(list));
+  return true;
 }
 
 void DomainExceptionStore::enable(std::string_view host) {
@@ -108,7 +110,7 @@ void DomainExceptionStore::enable(std::string_view host) {
 
 std::optional<std::string> DomainExceptionStore::disableURL(std::string_view urlString) {
   auto host = normalizedHost(urlString);
-  if (host) disable(*host);
+  if (host && !disable(*host)) return std::nullopt;
   return host;
 }
 
@@ -120,6 +122,10 @@ std::optional<std::string> DomainExceptionStore::enableURL(std::string_view urlS
 
 void DomainExceptionStore::refresh() {
   std::lock_guard lock(mutex_);
+  // Callers refresh before every clean; decoding an unchanged list each time would make a clean
+  // cost grow with the number of switched-off sites.
+  const auto data = defaults_->dataForKey(kStorageKey);
+  if (loaded_ && data == *loaded_) return;
   publish(load());
 }
 
@@ -133,8 +139,9 @@ void DomainExceptionStore::setObserver(
   observer_ = std::move(observer);
 }
 
-std::vector<DomainException> DomainExceptionStore::load() const {
+std::vector<DomainException> DomainExceptionStore::load() {
   const auto data = defaults_->dataForKey(kStorageKey);
+  loaded_ = data;
   if (!data) return {};
   const auto json = parseJson(toString(*data));
   if (!json || !json->is_array()) return {};
@@ -144,6 +151,8 @@ std::vector<DomainException> DomainExceptionStore::load() const {
     auto entry = decodeDomainException(item);
     // One bad element spoils the whole list, as a decoder of the array would.
     if (!entry) return {};
+    // No host is longer; a stored one that is can only be damage or an attack on every clean.
+    if (entry->host.size() > kMaxHostBytes) continue;
     list.push_back(std::move(*entry));
   }
   return list;

@@ -61,14 +61,17 @@ class DomainExceptionStore {
   // False when the link has no host (see normalizedHost).
   bool isDisabledURL(std::string_view urlString) const;
 
+  // The longest host name DNS allows; longer site names are refused and skipped when loading.
+  static constexpr std::size_t kMaxHostBytes = 253;
+
   // Reload, add the normalized host unless present, and only when the list changed save it and
-  // publish it.
-  void disable(std::string_view host);
+  // publish it. False (nothing changes) when the normalized host is longer than kMaxHostBytes.
+  bool disable(std::string_view host);
   // Reload, remove every entry with the normalized host, and only when the list changed save it
   // and publish it.
   void enable(std::string_view host);
   // disable/enable the link's normalized host; returns that host, or nothing (and does nothing)
-  // when the link has none.
+  // when the link has none or disable refuses it.
   std::optional<std::string> disableURL(std::string_view urlString);
   std::optional<std::string> enableURL(std::string_view urlString);
   // Reloads the list from the preference store and publishes it.
@@ -94,7 +97,7 @@ class DomainExceptionStore {
   };
 
   // Both run with mutex_ held.
-  std::vector<DomainException> load() const;
+  std::vector<DomainException> load();
   void publish(std::vector<DomainException> list);
   std::shared_ptr<const Snapshot> snapshot() const;
 
@@ -105,7 +108,8 @@ class DomainExceptionStore {
   std::shared_ptr<const Snapshot> snapshot_;
   mutable std::mutex snapshotMutex_;
   std::function<void(const std::vector<DomainException>&)> observer_;
-  mutable std::mutex mutex_;  // serializes load-modify-save; guards observer_
+  std::optional<std::optional<Bytes>> loaded_;  // the stored data last decoded
+  mutable std::mutex mutex_;  // serializes load-modify-save; guards observer_ and loaded_
 };
 
 }  // namespace linkwash

@@ -4,10 +4,12 @@
 #include <array>
 #include <chrono>
 
+#include "base/diagnostics.h"
 #include "base/strings.h"
 #include "core/privacy/privacy_catalog_store.h"
 #include "core/privacy/privacy_redirector.h"
 #include "platform/regex/case_mapping.h"
+#include "platform/regex/regex.h"
 #include "platform/url/url_components.h"
 
 namespace linkwash {
@@ -118,7 +120,14 @@ CleanOutcome URLCleaner::cleanWithOutcome(std::string_view urlString) {
       }
     }
   }
+  // Rules come from files anyone can write; patterns that backtrack without end must not hold a
+  // request for minutes, so one clean gets a fixed amount of pattern work.
+  RegexWorkBudget budget(kCleanRegexWorkBudget);
   auto result = cleaningPass(link, 0);
+  if (budget.exhausted()) {
+    diagnostic("Warning: The rules took too long on this link; it was left unchanged");
+    return CleanOutcome::unchanged();
+  }
   if (!result) return CleanOutcome::unchanged();
   if (saving_ == MatchCountSaving::everyClean) engine_.saveMatchCounts();
   if (recorder_ != nullptr) recorder_->record(result->originalURL, result->cleanedURL, surface_);

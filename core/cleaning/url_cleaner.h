@@ -33,6 +33,10 @@ namespace linkwash {
 using PrivacyRedirectStage = std::function<std::optional<PrivacyRedirectResult>(
     std::string_view link, const PrivacyRedirectSettings& settings)>;
 
+// The pattern work one clean may do, in RegexWorkBudget units (about 50 ms); past it the link
+// is answered unchanged.
+inline constexpr std::int32_t kCleanRegexWorkBudget = 500;
+
 class URLCleaner {
  public:
   // When match counts are written to the preferences.

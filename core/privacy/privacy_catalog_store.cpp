@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/strings.h"
+#include "core/signing/signature_verification.h"
 #include "platform/crypto/base64.h"
 #include "platform/crypto/sha256.h"
 #include "platform/fs/files.h"
@@ -243,6 +244,17 @@ std::optional<std::string> PrivacyCatalogStore::readInstalled() const {
   return bytes;
 }
 
+std::optional<std::uint64_t> PrivacyCatalogStore::highestInstalled() const {
+  const auto bytes = files::readUserFile(root_ / kHighestFileName, 1024);
+  if (!bytes) return std::nullopt;
+  const auto text = decodeHighestVersionRecord(*bytes);
+  if (!text || text->empty() || text->size() > 19 ||
+      !std::all_of(text->begin(), text->end(), [](char c) { return c >= '0' && c <= '9'; })) {
+    return std::nullopt;
+  }
+  return std::stoull(*text);
+}
+
 std::optional<VerifiedPrivacyCatalog> PrivacyCatalogStore::current() const {
   const auto bytes = readInstalled();
   if (!bytes) return std::nullopt;
@@ -268,6 +280,11 @@ Result<VerifiedPrivacyCatalog> PrivacyCatalogStore::validate(std::string_view ma
   if (!fileMatches(manifest->payload, payload) || !fileMatches(manifest->signature, signature)) {
     return fail(std::string(kFilesDoNotMatch));
   }
+  // Kept apart from the installed catalog, so a damaged "installed.json" (no predecessor below)
+  // never lets an older catalog back in.
+  if (const auto highest = highestInstalled(); highest && manifest->version < *highest) {
+    return fail(std::string(kPrivacyCatalogRejected));
+  }
   const auto previous = current();
   auto verified = PrivacyServicesCatalog::verify(payload, signature, trustedKeys_,
                                                  previous ? &*previous : nullptr);
@@ -281,29 +298,12 @@ Result<VerifiedPrivacyCatalog> PrivacyCatalogStore::validate(std::string_view ma
   return verified;
 }
 
-// Temporary files of an atomic write that never reached its rename (the writer was killed).
-// Only installers write them and they hold the lock, so under the lock every one is stale.
-void PrivacyCatalogStore::removeStaleTemporaryFiles() const {
-  const std::string prefix = "." + std::string(kInstalledFileName) + ".";
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(root_, ec)) {
-    if (startsWith(entry.path().filename().string(), prefix)) {
-      std::error_code ignored;
-      fs::remove(entry.path(), ignored);
-    }
-  }
-}
-
 Result<VerifiedPrivacyCatalog> PrivacyCatalogStore::install(std::string_view manifestBytes,
                                                             std::string_view payload,
                                                             std::string_view signature,
                                                             std::uint64_t now) const {
-  std::error_code ec;
-  fs::create_directories(root_, ec);
-  if (ec) return fail("cannot create " + root_.string() + ": " + ec.message());
-  auto lock = files::ExclusiveLock::acquire(lockFile());
+  auto lock = files::LockedInstall::begin(root_, kLockFileName);
   if (!lock) return tl::unexpected(lock.error());
-  removeStaleTemporaryFiles();
 
   // Validated under the lock, so the predecessor is the catalog installed at this moment and two
   // installers can never both pass against the same older catalog.
@@ -314,7 +314,17 @@ Result<VerifiedPrivacyCatalog> PrivacyCatalogStore::install(std::string_view man
   const std::string encoded = record.encode();
   // A record current() would refuse to read must never replace one it reads.
   if (encoded.size() > kMaxInstalledBytes) return fail(std::string(kPrivacyCatalogRejected));
-  if (auto written = files::writeFileAtomically(installedFile(), encoded); !written) {
+  // The highest version first: killed after it, the old catalog stays in use and the new one
+  // installable, never an opening for an older one.
+  const auto highest = highestInstalled();
+  if (!highest || *highest < record.manifest.version) {
+    if (auto written = lock->replace(
+            kHighestFileName, encodeHighestVersionRecord(std::to_string(record.manifest.version)));
+        !written) {
+      return tl::unexpected(written.error());
+    }
+  }
+  if (auto written = lock->replace(kInstalledFileName, encoded); !written) {
     return tl::unexpected(written.error());
   }
   return verified;

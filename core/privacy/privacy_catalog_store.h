@@ -86,6 +86,8 @@ class PrivacyCatalogStore {
  public:
   static constexpr std::string_view kInstalledFileName = "installed.json";
   static constexpr std::string_view kLockFileName = "install.lock";
+  // The highest catalog version ever installed (see encodeHighestVersionRecord).
+  static constexpr std::string_view kHighestFileName = "installed-highest.json";
   static constexpr std::size_t kMaxInstalledBytes = 52000;
   static constexpr std::string_view kAppGroupIdentifier = "group.com.morvellabs.linkwash";
 
@@ -125,9 +127,9 @@ class PrivacyCatalogStore {
   std::optional<VerifiedPrivacyCatalog> current() const;
 
   // The whole check of a delivered catalog: the manifest's rules, sizes and digests of both
-  // files, the signature and content rules with the installed catalog as predecessor (so the
-  // version never goes back), agreement of version and generation with the manifest, and
-  // freshness at `now`. The error names the step that failed.
+  // files, the signature and content rules with the installed catalog as predecessor and no
+  // version below the highest ever installed (so the version never goes back), agreement of version
+  // and generation with the manifest, and freshness at `now`. The error names the step that failed.
   [[nodiscard]] Result<VerifiedPrivacyCatalog> validate(std::string_view manifest,
                                                         std::string_view payload,
                                                         std::string_view signature,
@@ -142,7 +144,7 @@ class PrivacyCatalogStore {
 
  private:
   std::optional<std::string> readInstalled() const;
-  void removeStaleTemporaryFiles() const;
+  std::optional<std::uint64_t> highestInstalled() const;
 
   std::filesystem::path root_;
   std::string trustedKeys_;

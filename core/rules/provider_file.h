@@ -63,6 +63,20 @@ struct CompiledProvider {
 // Compiles one provider; nothing when its URL pattern is not a valid regex.
 std::optional<CompiledProvider> compileProvider(std::string name, Provider provider);
 
+// What a rule file's maker must hear before publishing it, one line per pattern naming the
+// provider, the field and the pattern: patterns ICU refuses (silently dropped at load, or the
+// whole provider for its URL pattern) and patterns shaped to backtrack catastrophically.
+struct PatternReview {
+  std::vector<std::string> dropped;
+  std::vector<std::string> risky;
+};
+PatternReview reviewPatterns(const std::vector<NamedProvider>& providers);
+
+// True when the pattern repeats a group that itself holds an unbounded repetition, such as
+// "(a+)+" or "(\w+\s?)*": on text that almost matches, the work doubles with every character.
+// A heuristic: it may miss some shapes, and it does not run the pattern.
+bool mayBacktrackCatastrophically(std::string_view pattern);
+
 // The category a provider belongs to, from its redirections and the words in its name.
 RuleCategoryType categorize(std::string_view providerName, const Provider& provider);
 

@@ -257,7 +257,9 @@ void RulesEngine::applyPersistedState() {
 
 void RulesEngine::appendCustomRule(std::shared_ptr<RuleEntry> entry, RuleCategoryType into) {
   RuleCategory* target = category(into);
-  if (target == nullptr) return;
+  // Stored or imported lists are outside data: an overlong pattern is no parameter name, only
+  // work for every clean.
+  if (target == nullptr || entry->pattern.size() > kMaxCustomPatternBytes) return;
   if (auto regex = compileCustomRule(entry->pattern)) {
     fallbackRules_.push_back(FallbackRule{std::move(*regex), entry->id, entry->category,
                                           "^" + Regex::escapedPattern(entry->pattern) + "$", true});
@@ -363,8 +365,9 @@ void RulesEngine::reloadPersistedState() {
   loadCustomRules();
 }
 
-void RulesEngine::addCustomRule(std::string_view pattern, std::string_view displayName,
+bool RulesEngine::addCustomRule(std::string_view pattern, std::string_view displayName,
                                 RuleCategoryType type) {
+  if (pattern.size() > kMaxCustomPatternBytes) return false;
   auto entry = std::make_shared<RuleEntry>(RuleEntry{makeRuleID(type, pattern),
                                                      std::string(pattern), std::string(displayName),
                                                      type, RuleEntry::RuleSource::custom, true, 0});
@@ -372,6 +375,7 @@ void RulesEngine::addCustomRule(std::string_view pattern, std::string_view displ
   reindexCatalog();
   saveCustomRules();
   saveEnabledStates();
+  return true;
 }
 
 void RulesEngine::removeCustomRule(std::string_view id) {

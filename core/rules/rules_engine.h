@@ -93,7 +93,11 @@ class RulesEngine {
   void saveCustomRules();
   void resetMatchCounts();
   void reloadPersistedState();
-  void addCustomRule(std::string_view pattern, std::string_view displayName,
+  // Custom patterns are parameter names; longer ones are refused here and skipped when stored
+  // or imported lists hold them.
+  static constexpr std::size_t kMaxCustomPatternBytes = 256;
+  // False (and nothing changes) when the pattern is longer than kMaxCustomPatternBytes.
+  bool addCustomRule(std::string_view pattern, std::string_view displayName,
                      RuleCategoryType category);
   void removeCustomRule(std::string_view id);
   std::optional<std::string> exportRules() const;

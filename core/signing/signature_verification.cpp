@@ -344,4 +344,26 @@ bool verifyCatalogSignature(std::string_view payload, std::string_view envelope,
   return keys && verifySignatureEnvelope(asBytes(payload), envelope, *keys);
 }
 
+std::string encodeHighestVersionRecord(std::string_view version) {
+  Json json = Json::object();
+  json["sha256"] = hexLower(sha256(version));
+  json["version"] = std::string(version);
+  return canonicalJson(json);
+}
+
+std::optional<std::string> decodeHighestVersionRecord(std::string_view bytes) {
+  if (bytes.size() > 1024) return std::nullopt;
+  const auto json = parseJson(bytes);
+  if (!json || !json->is_object()) return std::nullopt;
+  const auto digest = json->find("sha256");
+  const auto version = json->find("version");
+  if (digest == json->end() || version == json->end() || !digest->is_string() ||
+      !version->is_string()) {
+    return std::nullopt;
+  }
+  const auto& text = version->get_ref<const std::string&>();
+  if (digest->get_ref<const std::string&>() != hexLower(sha256(text))) return std::nullopt;
+  return text;
+}
+
 }  // namespace linkwash

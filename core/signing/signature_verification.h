@@ -86,4 +86,11 @@ struct SignatureEnvelope {
 [[nodiscard]] bool verifyCatalogSignature(std::string_view payload, std::string_view envelope,
                                           std::string_view keyFile);
 
+// The record each signed store keeps of the highest version it ever installed, apart from its
+// state so that damage to the state can never reopen a rollback: {"sha256": digest of the
+// version text, "version": text}. Reading answers nothing for a missing or damaged record (a
+// flipped byte fails the digest, so it can neither raise nor lower the floor).
+[[nodiscard]] std::string encodeHighestVersionRecord(std::string_view version);
+[[nodiscard]] std::optional<std::string> decodeHighestVersionRecord(std::string_view bytes);
+
 }  // namespace linkwash

@@ -20,8 +20,8 @@ using Clock = std::chrono::system_clock;
 constexpr std::size_t kSubjectHostMaxLength = 50;
 
 constexpr std::array<std::string_view, 4> kPlatformRaw = {"macOS", "iOS", "Windows", "Linux"};
-constexpr std::array<std::string_view, 4> kSurfaceRaw = {"Clipboard", "Manual Clean",
-                                                         "Share Extension", "Safari Extension"};
+constexpr std::array<std::string_view, 5> kSurfaceRaw = {
+    "Clipboard", "Manual Clean", "Share Extension", "Safari Extension", "Browser Extension"};
 
 bool isContinuationByte(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
 

@@ -27,7 +27,9 @@ namespace linkwash {
 struct MissedTrackerReport {
   // `linux` is a predefined macro in GNU dialects; the project builds with extensions off.
   enum class Platform { macOS, iOS, windows, linux };
-  enum class Surface { clipboard, manualClean, shareExtension, safariExtension };
+  // browserExtension is what linkwash-host reports, so a report from Linux says where it came
+  // from.
+  enum class Surface { clipboard, manualClean, shareExtension, safariExtension, browserExtension };
 
   Platform platform = Platform::linux;
   std::string osVersion;
@@ -90,13 +92,14 @@ struct MissedTrackerReport {
 inline constexpr std::array<MissedTrackerReport::Platform, 4> kAllReportPlatforms = {
     MissedTrackerReport::Platform::macOS, MissedTrackerReport::Platform::iOS,
     MissedTrackerReport::Platform::windows, MissedTrackerReport::Platform::linux};
-inline constexpr std::array<MissedTrackerReport::Surface, 4> kAllReportSurfaces = {
+inline constexpr std::array<MissedTrackerReport::Surface, 5> kAllReportSurfaces = {
     MissedTrackerReport::Surface::clipboard, MissedTrackerReport::Surface::manualClean,
-    MissedTrackerReport::Surface::shareExtension, MissedTrackerReport::Surface::safariExtension};
+    MissedTrackerReport::Surface::shareExtension, MissedTrackerReport::Surface::safariExtension,
+    MissedTrackerReport::Surface::browserExtension};
 
 // "macOS", "iOS", "Windows", "Linux".
 std::string_view rawValue(MissedTrackerReport::Platform platform);
-// "Clipboard", "Manual Clean", "Share Extension", "Safari Extension".
+// "Clipboard", "Manual Clean", "Share Extension", "Safari Extension", "Browser Extension".
 std::string_view rawValue(MissedTrackerReport::Surface surface);
 std::optional<MissedTrackerReport::Platform> reportPlatformFromRaw(std::string_view raw);
 std::optional<MissedTrackerReport::Surface> reportSurfaceFromRaw(std::string_view raw);

@@ -463,29 +463,49 @@ void RulesUpdater::installVerified(const RuleUpdateManifest& manifest,
 RuleUpdateResult<RulesUpdater::DownloadedRuleFiles> RulesUpdater::readReleaseDirectory(
     const fs::path& dir) {
   DownloadedRuleFiles release;
-  auto manifest = files::readFile(dir / "manifest.json");
-  if (!manifest) return tl::unexpected(RuleUpdateError::missingFile("manifest.json"));
-  auto signature = files::readFile(dir / "manifest.sig");
-  if (!signature) return tl::unexpected(RuleUpdateError::missingFile("manifest.sig"));
-  // Only to find the files; the install verifies the signature before trusting any of it.
-  const auto decoded = RuleUpdateManifest::decode(*manifest);
+  // The folder is the user's: anything in it may be a device, a FIFO or far too large, so every
+  // file is read only when it is a regular file within the size a release allows.
+  const auto read = [](const fs::path& path,
+                       std::uint64_t limit) -> RuleUpdateResult<std::optional<std::string>> {
+    std::error_code ec;
+    if (!fs::exists(fs::symlink_status(path, ec))) return std::optional<std::string>();
+    auto bytes = files::readUserFile(path, limit);
+    if (!bytes) return tl::unexpected(RuleUpdateError::fileSystem(bytes.error().message));
+    return std::optional<std::string>(std::move(*bytes));
+  };
+  auto manifest = read(dir / "manifest.json", kMaxRuleManifestSize);
+  if (!manifest) return tl::unexpected(manifest.error());
+  if (!*manifest) return tl::unexpected(RuleUpdateError::missingFile("manifest.json"));
+  auto signature = read(dir / "manifest.sig", kMaxSignatureEnvelopeSize);
+  if (!signature) return tl::unexpected(signature.error());
+  if (!*signature) return tl::unexpected(RuleUpdateError::missingFile("manifest.sig"));
+  // Only to find the files; the install verifies the signature before trusting any of it. A
+  // manifest that could never install is refused before any file it names is looked up.
+  const auto decoded = RuleUpdateManifest::decode(**manifest);
   if (!decoded) {
     return tl::unexpected(RuleUpdateError::invalidManifest(std::string(kSignedRuleFeedRejected)));
   }
-  const auto find = [&](std::string_view name) -> std::optional<std::string> {
-    // A version or a name that could leave the folder is never used as a path.
-    if (!RulesVersion::parse(decoded->currentVersion) || name.empty() ||
-        name.find('/') != std::string_view::npos || name.find("..") != std::string_view::npos) {
-      return std::nullopt;
+  if (auto valid = decoded->validate(1); !valid) return tl::unexpected(valid.error());
+  if (!RulesVersion::parse(decoded->currentVersion)) {
+    return tl::unexpected(RuleUpdateError::invalidManifest(std::string(kSignedRuleFeedRejected)));
+  }
+  const auto find = [&](std::string_view name) -> RuleUpdateResult<std::optional<std::string>> {
+    // A name that could leave the folder is never used as a path.
+    if (name.empty() || name.find('/') != std::string_view::npos ||
+        name.find("..") != std::string_view::npos) {
+      return std::optional<std::string>();
     }
     for (const fs::path& candidate : {dir / name, dir / decoded->currentVersion / name,
                                       dir / ".." / decoded->currentVersion / name}) {
-      if (auto bytes = files::readFile(candidate)) return bytes;
+      auto bytes = read(candidate, SignedRuleFeed::kMaxRuleFileBytes);
+      if (!bytes || *bytes) return bytes;
     }
-    return std::nullopt;
+    return std::optional<std::string>();
   };
   for (const File& file : decoded->files) {
-    auto bytes = find(file.path);
+    auto found = find(file.path);
+    if (!found) return tl::unexpected(found.error());
+    auto& bytes = *found;
     if (!bytes) return tl::unexpected(RuleUpdateError::missingFile(file.path));
     switch (file.kind) {
       case File::Kind::clearurls:
@@ -499,8 +519,8 @@ RuleUpdateResult<RulesUpdater::DownloadedRuleFiles> RulesUpdater::readReleaseDir
         break;
     }
   }
-  release.manifestData = std::move(*manifest);
-  release.signatureData = std::move(*signature);
+  release.manifestData = std::move(**manifest);
+  release.signatureData = std::move(**signature);
   return release;
 }
 

@@ -158,6 +158,10 @@ std::string SignedRuleFeed::State::encode() const {
   return canonicalJson(json);
 }
 
+std::string SignedRuleFeed::State::encodeActive() const {
+  return State{active, std::nullopt}.encode();
+}
+
 std::optional<SignedRuleFeed::State> SignedRuleFeed::State::decode(std::string_view json) {
   const auto parsed = parseJson(json);
   if (!parsed || !parsed->is_object()) return std::nullopt;
@@ -180,14 +184,42 @@ fs::path SignedRuleFeed::Store::defaultRoot() {
   return paths::applicationSupport() / "com.morvellabs.linkwash" / "rules";
 }
 
-std::optional<SignedRuleFeed::State> SignedRuleFeed::Store::readState() const {
-  // Nothing we write is this large; a bigger file is not ours to parse.
-  std::error_code ec;
-  const auto size = fs::file_size(stateFile(), ec);
-  if (ec || size >= kStateSizeLimit) return std::nullopt;
-  const auto bytes = files::readFile(stateFile());
+namespace {
+
+// Nothing we write is this large; a bigger file is not ours to parse.
+std::optional<std::string> readStoreFile(const fs::path& path) {
+  auto bytes = files::readUserFile(path, SignedRuleFeed::kStateSizeLimit - 1);
   if (!bytes) return std::nullopt;
-  return State::decode(*bytes);
+  return std::move(*bytes);
+}
+
+}  // namespace
+
+std::optional<SignedRuleFeed::State> SignedRuleFeed::Store::readState() const {
+  // Each release lives in a file of its own, so damage to one never costs the other.
+  std::optional<Record> active;
+  std::optional<Record> previous;
+  if (const auto bytes = readStoreFile(stateFile())) {
+    if (auto state = State::decode(*bytes)) {
+      active = std::move(state->active);
+      previous = std::move(state->previous);  // a state written with both in one file
+    }
+  }
+  if (const auto bytes = readStoreFile(previousFile())) {
+    if (const auto parsed = parseJson(*bytes)) {
+      if (auto record = decodeRecord(*parsed)) previous = std::move(record);
+    }
+  }
+  if (!active && !previous) return std::nullopt;
+  if (!active) return State{std::move(*previous), std::nullopt};
+  return State{std::move(*active), std::move(previous)};
+}
+
+std::optional<RulesVersion> SignedRuleFeed::Store::highestInstalled() const {
+  const auto bytes = readStoreFile(highestFile());
+  if (!bytes) return std::nullopt;
+  const auto version = decodeHighestVersionRecord(*bytes);
+  return version ? RulesVersion::parse(*version) : std::nullopt;
 }
 
 std::optional<SignedRuleFeed::Verified> SignedRuleFeed::Store::acceptable(
@@ -228,30 +260,10 @@ std::optional<SignedRuleFeed::Verified> SignedRuleFeed::Store::current(
   return newestAcceptable(*state, *floorVersion);
 }
 
-// Temporary files of an atomic write that never reached its rename (the writer was killed).
-// Only installers write them and they hold the lock, so under the lock every one is stale.
-void SignedRuleFeed::Store::removeStaleTemporaryFiles() const {
-  const std::string prefix = "." + std::string(kStateFileName) + ".";
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(root_, ec)) {
-    if (startsWith(entry.path().filename().string(), prefix)) {
-      std::error_code ignored;
-      fs::remove(entry.path(), ignored);
-    }
-  }
-}
-
 RuleUpdateResult<void> SignedRuleFeed::Store::install(const Record& record,
                                                       std::string_view floor) const {
-  std::error_code ec;
-  fs::create_directories(root_, ec);
-  if (ec) {
-    return tl::unexpected(
-        RuleUpdateError::fileSystem("cannot create " + root_.string() + ": " + ec.message()));
-  }
-  auto lock = files::ExclusiveLock::acquire(lockFile());
+  auto lock = files::LockedInstall::begin(root_, kLockFileName);
   if (!lock) return tl::unexpected(RuleUpdateError::fileSystem(lock.error().message));
-  removeStaleTemporaryFiles();
 
   const auto floorVersion = RulesVersion::parse(floor);
   if (!floorVersion) return rejected();
@@ -262,6 +274,9 @@ RuleUpdateResult<void> SignedRuleFeed::Store::install(const Record& record,
   }
   const auto version = RulesVersion::parse(manifest->currentVersion);
   if (*version < *floorVersion) return rejected();
+  // Kept apart from the releases: even with both release files damaged, nothing older than what
+  // was once installed comes back.
+  if (const auto highest = highestInstalled(); highest && *version < *highest) return rejected();
 
   // The release in use is what current() answers: the stored active one, or the previous one
   // when the active one no longer verifies. Nothing older than it is ever installed.
@@ -287,20 +302,43 @@ RuleUpdateResult<void> SignedRuleFeed::Store::install(const Record& record,
     }
   }
 
-  const std::string encoded = next.encode();
-  if (encoded.size() >= kStateSizeLimit) return rejected();
-  const auto before = files::readFile(stateFile());
-  if (auto written = files::writeFileAtomically(stateFile(), encoded); !written) {
-    return tl::unexpected(RuleUpdateError::fileSystem(written.error().message));
+  const std::string encoded = next.encodeActive();
+  if (next.encode().size() >= kStateSizeLimit) return rejected();
+  const std::string previousBytes =
+      next.previous ? canonicalJson(encodeRecord(*next.previous)) : "";
+  const auto before = readStoreFile(stateFile());
+  const auto previousBefore = readStoreFile(previousFile());
+  const auto fileSystemError = [](const Error& error) {
+    return tl::unexpected(RuleUpdateError::fileSystem(error.message));
+  };
+  // The highest version first: an installer killed after it leaves the old release in use and
+  // the new one still installable, never an opening for an older one.
+  const auto highest = highestInstalled();
+  if (!highest || *highest < *version) {
+    if (auto written =
+            lock->replace(kHighestFileName, encodeHighestVersionRecord(manifest->currentVersion));
+        !written) {
+      return fileSystemError(written.error());
+    }
+  }
+  // Then the fallback, then the release in use; killed in between, the old release is in use
+  // and is its own fallback.
+  if (auto written = next.previous ? lock->replace(kPreviousFileName, previousBytes)
+                                   : lock->remove(kPreviousFileName);
+      !written) {
+    return fileSystemError(written.error());
+  }
+  if (auto written = lock->replace(kStateFileName, encoded); !written) {
+    return fileSystemError(written.error());
   }
   const auto check = current(floor);
   if (!check || check->record != record) {
-    // Put back what was there so that a failed install changes nothing.
-    if (before) {
-      (void)files::writeFileAtomically(stateFile(), *before);
-    } else {
-      fs::remove(stateFile(), ec);
-    }
+    // Put back what was there so that a failed install changes nothing in use.
+    const auto restore = [&](std::string_view name, const std::optional<std::string>& bytes) {
+      (void)(bytes ? lock->replace(name, *bytes) : lock->remove(name));
+    };
+    restore(kStateFileName, before);
+    restore(kPreviousFileName, previousBefore);
     return rejected();
   }
   return {};

@@ -52,6 +52,8 @@ class SignedRuleFeed {
     bool operator==(const State&) const = default;
 
     std::string encode() const;
+    // The state file's content: the active record only (the previous one has its own file).
+    std::string encodeActive() const;
     // Nothing unless every required member is there with its type and every byte field is
     // base64. Says nothing about signatures.
     static std::optional<State> decode(std::string_view json);
@@ -65,6 +67,10 @@ class SignedRuleFeed {
 
   static constexpr std::string_view kStateFileName = "signed-rules-v1.json";
   static constexpr std::string_view kLockFileName = "signed-install.lock";
+  // The previous release, in a file of its own so that damage to one release never costs both.
+  static constexpr std::string_view kPreviousFileName = "signed-rules-v1-previous.json";
+  // The highest version ever installed (see encodeHighestVersionRecord).
+  static constexpr std::string_view kHighestFileName = "signed-rules-highest.json";
   static constexpr std::string_view kClearURLsFileName = "data.min.json";
   static constexpr std::string_view kSupplementaryFileName = "linkwash-supplementary.json";
   static constexpr std::int64_t kMaxRuleFileBytes = 0x3FFFFF;
@@ -95,9 +101,10 @@ class SignedRuleFeed {
   // Downloads of the feed go nowhere else, and never follow redirects.
   static bool isAllowedFeedURL(std::string_view url, std::string_view host = rulesHost());
 
-  // The on-disk store: "signed-rules-v1.json" and "signed-install.lock" in `root`. Readers take
-  // no lock (the state file is replaced atomically); installs from all processes are serialised
-  // by an exclusive flock on the lock file.
+  // The on-disk store in `root`: the active release in "signed-rules-v1.json", the previous one
+  // in "signed-rules-v1-previous.json", the highest version ever installed in
+  // "signed-rules-highest.json", and "signed-install.lock". Readers take no lock (every file is
+  // replaced atomically); installs from all processes are serialised by the lock.
   class Store {
    public:
     // `trust` is the content of the trusted key file ("rule-feed-keys.json").
@@ -110,15 +117,18 @@ class SignedRuleFeed {
     const std::filesystem::path& root() const { return root_; }
     std::filesystem::path stateFile() const { return root_ / kStateFileName; }
     std::filesystem::path lockFile() const { return root_ / kLockFileName; }
+    std::filesystem::path previousFile() const { return root_ / kPreviousFileName; }
+    std::filesystem::path highestFile() const { return root_ / kHighestFileName; }
 
     // The newest stored release that still verifies in full and is not older than `floor`
     // (active wins a tie with previous); nothing when none does or `floor` is not a version.
     std::optional<Verified> current(std::string_view floor) const;
 
     // The anti-rollback install. Under the lock: verify `record` in full, refuse it below
-    // `floor`, below the release in use, or at the same version with other manifest bytes; then
-    // make it active with the release in use as previous, replace the state file atomically and
-    // read it back. A failure leaves the state file as it was. Verification failures are
+    // `floor`, below the highest version ever installed, below the release in use, or at the
+    // same version with other manifest bytes; then make it active with the release in use as
+    // previous, replace the files atomically and read them back. A failure leaves the releases
+    // as they were. Verification failures are
     // invalidManifest (the feed's message); failures to create, lock or write files are
     // fileSystem with the reason.
     [[nodiscard]] RuleUpdateResult<void> install(const Record& record,
@@ -126,9 +136,9 @@ class SignedRuleFeed {
 
    private:
     std::optional<State> readState() const;
+    std::optional<RulesVersion> highestInstalled() const;
     std::optional<Verified> newestAcceptable(const State& state, const RulesVersion& floor) const;
     std::optional<Verified> acceptable(const Record& record, const RulesVersion& floor) const;
-    void removeStaleTemporaryFiles() const;
 
     std::filesystem::path root_;
     std::string trust_;

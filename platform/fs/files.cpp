@@ -80,6 +80,47 @@ std::optional<std::string> readFile(const fs::path& path) {
   return contents;
 }
 
+Result<std::string> readUserFile(const fs::path& path, std::uint64_t maxBytes) {
+  // O_NONBLOCK: opening a FIFO for reading must not wait for a writer; it is refused below.
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return fail(describe("cannot read", path, errno));
+  struct stat info {};
+  if (::fstat(fd, &info) != 0) {
+    int error = errno;
+    ::close(fd);
+    return fail(describe("cannot read", path, error));
+  }
+  if (!S_ISREG(info.st_mode)) {
+    ::close(fd);
+    return fail(path.string() + " is not a regular file");
+  }
+  if (static_cast<std::uint64_t>(info.st_size) > maxBytes) {
+    ::close(fd);
+    return fail(path.string() + " is larger than " + std::to_string(maxBytes) + " bytes");
+  }
+  std::string contents;
+  contents.reserve(static_cast<std::size_t>(info.st_size));
+  char buffer[65536];
+  for (;;) {
+    ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      int error = errno;
+      ::close(fd);
+      return fail(describe("cannot read", path, error));
+    }
+    if (got == 0) break;
+    // The file may have grown since the check.
+    if (contents.size() + static_cast<std::size_t>(got) > maxBytes) {
+      ::close(fd);
+      return fail(path.string() + " is larger than " + std::to_string(maxBytes) + " bytes");
+    }
+    contents.append(buffer, static_cast<std::size_t>(got));
+  }
+  ::close(fd);
+  return contents;
+}
+
 Result<void> writeFileAtomically(const fs::path& path, std::string_view bytes) {
   const fs::path directory = path.parent_path();
   if (auto made = ensureDirectory(directory); !made) return made;
@@ -145,6 +186,38 @@ ExclusiveLock::~ExclusiveLock() {
     ::flock(fd_, LOCK_UN);
     ::close(fd_);
   }
+}
+
+Result<LockedInstall> LockedInstall::begin(const fs::path& root, std::string_view lockFileName) {
+  if (auto made = ensureDirectory(root); !made) return tl::unexpected(made.error());
+  auto lock = ExclusiveLock::acquire(root / lockFileName);
+  if (!lock) return tl::unexpected(lock.error());
+  // writeFileAtomically names its temporary ".<name>.XXXXXX".
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(root, ec)) {
+    const std::string name = entry.path().filename().string();
+    const std::size_t dot = name.rfind('.');
+    if (name.size() > 8 && name[0] == '.' && dot == name.size() - 7 && entry.is_regular_file(ec)) {
+      std::error_code ignored;
+      fs::remove(entry.path(), ignored);
+    }
+  }
+  return LockedInstall(root, std::move(*lock));
+}
+
+Result<void> LockedInstall::replace(std::string_view name, std::string_view bytes) const {
+  const fs::path path = file(name);
+  if (auto written = writeFileAtomically(path, bytes); !written) return written;
+  const auto back = readFile(path);
+  if (!back || *back != bytes) return fail("cannot read back " + path.string());
+  return {};
+}
+
+Result<void> LockedInstall::remove(std::string_view name) const {
+  std::error_code ec;
+  fs::remove(file(name), ec);
+  if (ec) return fail(describe("cannot remove", file(name), ec.value()));
+  return {};
 }
 
 }  // namespace linkwash::files

@@ -6,6 +6,11 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <string_view>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace linkwash {
@@ -212,17 +217,150 @@ class Writer {
   const JsonWriteOptions& options_;
 };
 
+// Builds the tree from parser events. nlohmann's own builder inserts each member with a linear
+// search of its object for the key, which makes an object of n members cost n^2 (a 1 MiB message
+// of 100,000 keys took seconds). Here a large object keeps a hash index of its members, so
+// decoding stays linear; the members keep the writer's order and a repeated key keeps its first
+// place and its last value, as before.
+class TreeBuilder {
+ public:
+  using Object = Json::object_t;
+  using Members = Object::Container;
+
+  bool null() { return place(Json(nullptr)); }
+  bool boolean(bool value) { return place(Json(value)); }
+  bool number_integer(Json::number_integer_t value) { return place(Json(value)); }
+  bool number_unsigned(Json::number_unsigned_t value) { return place(Json(value)); }
+  bool number_float(Json::number_float_t value, const Json::string_t& /*text*/) {
+    return place(Json(value));
+  }
+  bool string(Json::string_t& value) { return place(Json(std::move(value))); }
+  bool binary(Json::binary_t& /*value*/) { return fail(); }
+
+  bool start_object(std::size_t /*size*/) { return open(Json::object()); }
+  bool start_array(std::size_t /*size*/) { return open(Json::array()); }
+  bool end_object() { return close(); }
+  bool end_array() { return close(); }
+
+  bool key(Json::string_t& name) {
+    Frame& frame = stack_.back();
+    Members& members = frame.members();
+    // Appended without nlohmann's search; the index below finds a repeated key instead.
+    members.emplace_back(std::move(name), Json());
+    const std::size_t added = members.size() - 1;
+    std::size_t existing = added;
+    if (frame.index) {
+      const auto [it, inserted] = frame.index->insert(added);
+      if (!inserted) existing = *it;
+    } else {
+      for (std::size_t i = 0; i < added; ++i) {
+        if (members[i].first == members[added].first) {
+          existing = i;
+          break;
+        }
+      }
+      if (existing == added && members.size() >= kIndexedObjectSize) frame.buildIndex();
+    }
+    if (existing != added) members.pop_back();
+    pendingValue_ = &members[existing].second;
+    return true;
+  }
+
+  bool parse_error(std::size_t /*position*/, const std::string& /*token*/,
+                   const nlohmann::detail::exception& /*error*/) {
+    return fail();
+  }
+
+  bool failed() const { return failed_; }
+  Json take() { return std::move(root_); }
+
+ private:
+  // Below this many members a linear search is cheaper than keeping an index.
+  static constexpr std::size_t kIndexedObjectSize = 32;
+
+  struct IndexHash {
+    const Members* members;
+    std::size_t operator()(std::size_t i) const noexcept {
+      return std::hash<std::string_view>{}((*members)[i].first);
+    }
+  };
+  struct IndexEqual {
+    const Members* members;
+    bool operator()(std::size_t a, std::size_t b) const noexcept {
+      return (*members)[a].first == (*members)[b].first;
+    }
+  };
+
+  struct Frame {
+    Json* container;
+    std::unique_ptr<std::unordered_set<std::size_t, IndexHash, IndexEqual>> index;
+
+    Members& members() { return *container->get_ptr<Object*>(); }
+    void buildIndex() {
+      const Members* list = &members();
+      index = std::make_unique<std::unordered_set<std::size_t, IndexHash, IndexEqual>>(
+          list->size() * 2, IndexHash{list}, IndexEqual{list});
+      for (std::size_t i = 0; i < list->size(); ++i) index->insert(i);
+    }
+  };
+
+  bool fail() {
+    failed_ = true;
+    return false;
+  }
+
+  // Puts a finished value where the parser is: the pending member of an object, the end of an
+  // array, or the root. Returns where it went.
+  Json* put(Json&& value) {
+    if (stack_.empty()) {
+      root_ = std::move(value);
+      return &root_;
+    }
+    Json& container = *stack_.back().container;
+    if (container.is_array()) {
+      auto& items = *container.get_ptr<Json::array_t*>();
+      items.push_back(std::move(value));
+      return &items.back();
+    }
+    Json* target = std::exchange(pendingValue_, nullptr);
+    *target = std::move(value);
+    return target;
+  }
+
+  bool place(Json&& value) {
+    put(std::move(value));
+    return true;
+  }
+
+  // A container's address stays fixed while it is open: its parent gets nothing new until it
+  // closes.
+  bool open(Json&& empty) {
+    stack_.push_back(Frame{put(std::move(empty)), nullptr});
+    return true;
+  }
+
+  bool close() {
+    stack_.pop_back();
+    return true;
+  }
+
+  Json root_;
+  std::vector<Frame> stack_;
+  Json* pendingValue_ = nullptr;
+  bool failed_ = false;
+};
+
 }  // namespace
 
 std::optional<Json> parseJson(std::string_view text) {
   if (nestsTooDeep(text)) {
     return std::nullopt;
   }
-  Json value = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
-  if (value.is_discarded()) {
+  TreeBuilder builder;
+  if (!Json::sax_parse(text.begin(), text.end(), &builder) || builder.failed()) {
     return std::nullopt;
   }
-  return value;
+  return builder.take();
 }
 
 std::string writeJson(const Json& value, const JsonWriteOptions& options) {

@@ -45,6 +45,14 @@ bool widenAscii(std::string_view subject, std::u16string& buffer) {
   return seen < 0x80;
 }
 
+thread_local RegexWorkBudget* currentBudget = nullptr;
+
+// ICU calls this after every unit of work of a match; answering false stops the match.
+UBool U_CALLCONV chargeCurrentBudget(const void* /*context*/, int32_t /*steps*/) {
+  RegexWorkBudget* budget = RegexWorkBudget::current();
+  return budget == nullptr || budget->charge();
+}
+
 std::unique_ptr<icu::RegexMatcher> makeMatcher(const icu::RegexPattern& pattern) {
   UErrorCode status = U_ZERO_ERROR;
   std::unique_ptr<icu::RegexMatcher> matcher(pattern.matcher(status));
@@ -53,6 +61,7 @@ std::unique_ptr<icu::RegexMatcher> makeMatcher(const icu::RegexPattern& pattern)
   }
   matcher->setTimeLimit(kTimeLimit, status);
   matcher->setStackLimit(kStackLimitBytes, status);
+  matcher->setMatchCallback(chargeCurrentBudget, nullptr, status);
   if (U_FAILURE(status)) {
     return nullptr;
   }
@@ -240,6 +249,10 @@ struct Regex::Impl {
       if (subject.size() > static_cast<std::size_t>(INT32_MAX)) {
         return;
       }
+      if (const RegexWorkBudget* budget = RegexWorkBudget::current();
+          budget != nullptr && budget->exhausted()) {
+        return;
+      }
       UText* text = &localText_;
       if (subject.size() <= kCachedSubjectLimit &&
           !impl.busy.exchange(true, std::memory_order_acquire)) {
@@ -302,6 +315,29 @@ struct Regex::Impl {
     UText localText_ = UTEXT_INITIALIZER;
   };
 };
+
+RegexWorkBudget::RegexWorkBudget(std::int32_t units)
+    : limit_(units), outer_(std::exchange(currentBudget, this)) {}
+
+RegexWorkBudget::~RegexWorkBudget() { currentBudget = outer_; }
+
+RegexWorkBudget* RegexWorkBudget::current() { return currentBudget; }
+
+bool RegexWorkBudget::exhausted() const {
+  for (const RegexWorkBudget* budget = this; budget != nullptr; budget = budget->outer_) {
+    if (budget->exhausted_) return true;
+  }
+  return false;
+}
+
+bool RegexWorkBudget::charge() {
+  bool spent = false;
+  for (RegexWorkBudget* budget = this; budget != nullptr; budget = budget->outer_) {
+    if (++budget->used_ >= budget->limit_) budget->exhausted_ = true;
+    spent = spent || budget->exhausted_;
+  }
+  return !spent;
+}
 
 Regex::Regex(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 Regex::Regex(Regex&&) noexcept = default;

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,6 +34,36 @@ struct RegexRange {
 struct RegexMatch {
   std::vector<std::optional<RegexRange>> ranges;
   std::optional<std::string_view> group(std::string_view subject, std::size_t i) const;
+};
+
+// Caps the pattern work of everything the current thread matches while the budget is alive (one
+// clean of one link, say), counted in ICU's work units of 10,000 backtracking steps (roughly
+// 0.1 ms each), so the cap does not depend on the machine's speed or load. Once it is used up,
+// every match on the thread answers "no match" at once and exhausted() turns true. Budgets nest:
+// work done while an inner one is alive counts against it and every budget around it, and a
+// match runs only while none of them is used up. Not movable: the thread refers to it by
+// address.
+class RegexWorkBudget {
+ public:
+  explicit RegexWorkBudget(std::int32_t units);
+  ~RegexWorkBudget();
+  RegexWorkBudget(const RegexWorkBudget&) = delete;
+  RegexWorkBudget& operator=(const RegexWorkBudget&) = delete;
+
+  // True once this budget or one around it is used up.
+  bool exhausted() const;
+  std::int32_t used() const { return used_; }
+
+  // The budget of the current thread, null when there is none. For the matcher only.
+  static RegexWorkBudget* current();
+  // Counts one unit of work against this budget and those around it; false once any is used up.
+  bool charge();
+
+ private:
+  std::int32_t limit_;
+  std::int32_t used_ = 0;
+  bool exhausted_ = false;
+  RegexWorkBudget* outer_;
 };
 
 class Regex {

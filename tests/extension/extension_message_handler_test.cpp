@@ -208,7 +208,7 @@ TEST_F(HandlerTest, MissedReportDescribesTheCleanOrTheGivenLinks) {
   const std::string body = tracked["body"];
   EXPECT_NE(body.find("Cleaned URL:\n" + std::string(kTrackedLinkCleaned) + "\n"),
             std::string::npos);
-  EXPECT_NE(body.find("\"surface\" : \"Safari Extension\""), std::string::npos);
+  EXPECT_NE(body.find("\"surface\" : \"Browser Extension\""), std::string::npos);
   EXPECT_EQ(tracked["mailtoURL"].get<std::string>().rfind("mailto:", 0), 0u);
   EXPECT_EQ(sharedLastCleanRecorder().current()->surface, kExtensionReportSurface);
 

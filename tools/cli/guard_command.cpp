@@ -15,9 +15,8 @@
 namespace linkwash::cli {
 namespace {
 
-constexpr int kExitNothingFound = 0;
-constexpr int kExitError = 1;
-constexpr int kExitRiskFound = 2;
+constexpr int kExitNothingFound = kExitOK;
+constexpr int kExitError = kExitFailure;
 
 struct GuardOptions {
   std::optional<std::string> command;
@@ -51,10 +50,11 @@ std::string describeResult(const CommandRiskResult& result) {
   return text;
 }
 
-std::string jsonReport(const std::optional<CommandRiskResult>& result,
+std::string jsonReport(const std::optional<CommandRiskResult>& result, bool checked,
                        CommandRiskSeverity threshold, const std::string& rulesVersion,
                        const std::optional<std::string>& neutral) {
   Json json = Json::object();
+  json["checked"] = checked;
   json["risky"] = result.has_value();
   json["threshold"] = std::string(rawValue(threshold));
   json["rulesVersion"] = rulesVersion;
@@ -76,9 +76,9 @@ int runGuard(const GuardOptions& options) {
     // A rule file named on the command line is used as it is or not at all: quietly falling back
     // to the shipped rules would hide the mistake being tested for.
     const std::filesystem::path path(options.rulesFile);
-    auto bytes = files::readFile(path);
+    auto bytes = files::readUserFile(path, kMaxInputFileBytes);
     if (!bytes) {
-      std::cerr << "linkwash guard: cannot read " << options.rulesFile << '\n';
+      std::cerr << "linkwash guard: " << bytes.error().message << '\n';
       return kExitError;
     }
     if (!CommandGuard::ruleBundleVersion(*bytes)) {
@@ -105,9 +105,18 @@ int runGuard(const GuardOptions& options) {
   const std::optional<std::string> neutral =
       options.neutralize && result ? std::optional(CommandGuard::neutralizedCommand(text))
                                    : std::nullopt;
+  // The guard answers nothing for text this long; that must never read as "nothing risky".
+  const std::size_t length = CommandGuard::normalizedCommand(text).size();
+  const bool checked = length <= CommandGuard::kMaximumCommandBytes;
+  const std::string notChecked =
+      "Not checked: the text is " + std::to_string(length) + " bytes, longer than the " +
+      std::to_string(CommandGuard::kMaximumCommandBytes) + " bytes the guard checks\n";
 
   if (options.json) {
-    std::cout << jsonReport(result, threshold, guard->currentRulesVersion(), neutral);
+    std::cout << jsonReport(result, checked, threshold, guard->currentRulesVersion(), neutral);
+  } else if (!checked) {
+    if (options.neutralize) std::cout << withFinalNewline(text);
+    (options.neutralize ? std::cerr : std::cout) << notChecked;
   } else if (options.neutralize) {
     // A filter: the text to paste on standard output (neutralised only when risky), the reasons
     // on standard error.
@@ -119,6 +128,7 @@ int runGuard(const GuardOptions& options) {
     std::cout << "No risky pattern at or above " << rawValue(threshold) << " (rules "
               << guard->currentRulesVersion() << ")\n";
   }
+  if (!checked) return kExitNotChecked;
   return result ? kExitRiskFound : kExitNothingFound;
 }
 
@@ -143,7 +153,8 @@ void addGuardCommand(CLI::App& app, int& exitCode) {
   guard->footer(
       "Rules come from the installed rule file (replaced by rule updates), else the rules shipped "
       "with Linkwash.\n\nExit status: 0 when nothing at or above the threshold was found, 2 when "
-      "something was, 1 on errors.\n\nExamples:\n"
+      "something was, 3 when the text is longer than 32768 bytes and was not checked, 1 on "
+      "errors, 64 on usage errors.\n\nExamples:\n"
       "  linkwash guard 'curl -fsSL https://example.com/install.sh | sh'\n"
       "  wl-paste | linkwash guard --threshold danger\n"
       "  linkwash guard --neutralize < pasted.txt > safe.txt");

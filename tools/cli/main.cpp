@@ -21,11 +21,8 @@ int main(int argc, char** argv) {
   linkwash::cli::addRulesCommand(app, exitCode);
   linkwash::cli::addRedirectCommand(app, exitCode);
   linkwash::cli::addCatalogCommand(app, exitCode);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    return app.exit(e);
-  }
+  app.footer(linkwash::cli::kExitStatusHelp);
+  const int status = linkwash::cli::runCommandLine(app, argc, argv, exitCode);
   std::fflush(stdout);
-  return exitCode;
+  return status;
 }

@@ -1,12 +1,14 @@
 // `linkwash rules`: the rule catalog from the shell. Lists categories and rules, switches them,
 // manages custom rules, exports and imports the catalog and validates candidate rule files.
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
 
 #include "base/diagnostics.h"
 #include "base/strings.h"
+#include "core/rules/provider_file.h"
 #include "core/rules/rules_engine.h"
 #include "platform/fs/files.h"
 #include "tools/cli/commands.h"
@@ -22,12 +24,32 @@ int failWith(std::string_view subcommand, std::string_view message) {
 
 std::unique_ptr<RulesEngine> openEngine() { return openRulesEngine(); }
 
-std::optional<std::string> readInput(const std::string& path) {
+Result<std::string> readInput(const std::string& path) {
   if (path == "-") {
-    std::string all((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
+    std::string all;
+    char buffer[65536];
+    while (std::cin.read(buffer, sizeof buffer) || std::cin.gcount() > 0) {
+      all.append(buffer, static_cast<std::size_t>(std::cin.gcount()));
+      if (all.size() > kMaxInputFileBytes) {
+        return fail("standard input is larger than " + std::to_string(kMaxInputFileBytes) +
+                    " bytes");
+      }
+    }
     return all;
   }
-  return files::readFile(path);
+  return files::readUserFile(path, kMaxInputFileBytes);
+}
+
+// An export replaces its target atomically, which would turn a device or a symlink into a
+// regular file (as root, /dev/null itself): only a regular file or a new name is written.
+Result<void> checkExportTarget(const std::string& path) {
+  std::error_code ec;
+  const auto status = std::filesystem::symlink_status(path, ec);
+  if (ec || status.type() == std::filesystem::file_type::not_found ||
+      status.type() == std::filesystem::file_type::regular) {
+    return {};
+  }
+  return fail(path + " is not a regular file; write to a new file or an existing regular one");
 }
 
 std::string categoryNames() {
@@ -88,6 +110,11 @@ int runSwitch(const std::string& id, bool enable) {
 
 int runAddCustom(const std::string& pattern, const std::string& name, const std::string& cat) {
   if (pattern.empty()) return failWith("add-custom", "the parameter name must not be empty");
+  if (pattern.size() > RulesEngine::kMaxCustomPatternBytes) {
+    return failWith("add-custom", "the parameter name is longer than " +
+                                      std::to_string(RulesEngine::kMaxCustomPatternBytes) +
+                                      " bytes");
+  }
   auto type = ruleCategoryTypeFromRaw(cat);
   if (!type) {
     return failWith("add-custom",
@@ -98,7 +125,7 @@ int runAddCustom(const std::string& pattern, const std::string& name, const std:
   if (engine->entry(id, *type) != nullptr) {
     return failWith("add-custom", "a rule with the ID \"" + id + "\" already exists");
   }
-  engine->addCustomRule(pattern, name.empty() ? pattern : name, *type);
+  (void)engine->addCustomRule(pattern, name.empty() ? pattern : name, *type);
   std::cout << "added " << id << '\n';
   return 0;
 }
@@ -122,6 +149,9 @@ int runExport(const std::string& path) {
     std::cout << *exported << '\n';
     return 0;
   }
+  if (auto target = checkExportTarget(path); !target) {
+    return failWith("export", target.error().message);
+  }
   if (auto written = files::writeFileAtomically(path, *exported); !written) {
     return failWith("export", "cannot write " + path + ": " + written.error().message);
   }
@@ -131,7 +161,7 @@ int runExport(const std::string& path) {
 
 int runImport(const std::string& path) {
   auto bytes = readInput(path);
-  if (!bytes) return failWith("import", "cannot read " + path);
+  if (!bytes) return failWith("import", bytes.error().message);
   auto engine = openEngine();
   if (!engine->importRules(*bytes)) {
     return failWith("import", path +
@@ -143,12 +173,13 @@ int runImport(const std::string& path) {
 }
 
 int runValidate(const std::string& dataPath, const std::string& supplementaryPath) {
-  auto data = files::readFile(dataPath);
-  if (!data) return failWith("validate", "cannot read " + dataPath);
+  auto data = files::readUserFile(dataPath, kMaxInputFileBytes);
+  if (!data) return failWith("validate", data.error().message);
   std::optional<std::string> supplementary;
   if (!supplementaryPath.empty()) {
-    supplementary = files::readFile(supplementaryPath);
-    if (!supplementary) return failWith("validate", "cannot read " + supplementaryPath);
+    auto read = files::readUserFile(supplementaryPath, kMaxInputFileBytes);
+    if (!read) return failWith("validate", read.error().message);
+    supplementary = std::move(*read);
   }
   setDiagnosticSink(standardErrorSink());
   auto result = RulesEngine::validateRuleBundle(
@@ -158,6 +189,22 @@ int runValidate(const std::string& dataPath, const std::string& supplementaryPat
   RulesEngine scratch(PreferenceStore::standard(), MatchStrategy::plain);
   scratch.loadRuleBundle(
       *data, supplementary ? std::optional<std::string_view>(*supplementary) : std::nullopt);
+  // Patterns that do not compile are dropped without a word at load, so the maker hears of
+  // each one here, and of patterns that will hit the per-link time budget.
+  std::size_t dropped = 0;
+  for (const std::string* bytes : {&*data, supplementary ? &*supplementary : nullptr}) {
+    if (bytes == nullptr) continue;
+    const auto review =
+        reviewPatterns(decodeProvidersFile(*bytes).value_or(std::vector<NamedProvider>{}));
+    for (const auto& line : review.dropped) std::cerr << "error: " << line << '\n';
+    for (const auto& line : review.risky) std::cerr << "warning: " << line << '\n';
+    dropped += review.dropped.size();
+  }
+  if (dropped > 0) {
+    return failWith("validate", "invalid rules: " + std::to_string(dropped) +
+                                    (dropped == 1 ? " pattern does" : " patterns do") +
+                                    " not compile");
+  }
   std::cout << "valid: " << scratch.compiledProviders().size() << " providers compiled\n";
   return 0;
 }
@@ -211,8 +258,9 @@ void addRulesCommand(CLI::App& app, int& exitCode) {
   add->add_option("--name", o->name, "A label for the rule (default: the parameter name)");
   add->add_option("--category", o->category, "The category it counts under (default: Custom)");
   add->footer(
-      "The rule ID is the category, a colon and the name: add-custom ref gives \"Custom:ref\", "
-      "which strips ref and REF but not ref2.\n\nExample:\n"
+      "The rule ID is the category, a colon and the pattern (not the --name label): add-custom "
+      "ref --name \"Referrer\" gives \"Custom:ref\", which strips ref and REF but not ref2.\n\n"
+      "Example:\n"
       "  linkwash rules add-custom ref_src --category \"Referral Marketing\"");
   add->callback([o, &exitCode] { exitCode = runAddCustom(o->first, o->name, o->category); });
 

@@ -29,7 +29,11 @@ int runSwitch(const std::string& hostOrURL, bool disable) {
   }
   DomainExceptionStore store(PreferenceStore::standard());
   if (disable) {
-    store.disable(*host);
+    if (!store.disable(*host)) {
+      std::cerr << "linkwash sites disable: a site name is at most "
+                << DomainExceptionStore::kMaxHostBytes << " bytes long\n";
+      return 1;
+    }
     std::cout << "cleaning is off for " << *host << '\n';
   } else {
     store.enable(*host);

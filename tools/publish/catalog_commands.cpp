@@ -3,6 +3,8 @@
 #include "tools/publish/catalog_commands.h"
 #include "tools/publish/publisher.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -75,6 +77,15 @@ fs::path signaturePathFor(const fs::path& payload) {
   return path.replace_extension(".sig");
 }
 
+// Files to be served go to a web server that runs as another user: world-readable files in
+// world-searchable folders (private keys are written elsewhere, 0600).
+Result<void> writeServed(const fs::path& path, std::string_view data) {
+  if (auto written = files::writeFileAtomically(path, data); !written) return written;
+  ::chmod(path.c_str(), 0644);
+  ::chmod(path.parent_path().c_str(), 0755);
+  return {};
+}
+
 // A published version's file never changes: it is written once, or again with the same bytes.
 Result<void> writeOnce(const fs::path& path, std::string_view data) {
   if (auto existing = files::readFile(path)) {
@@ -82,7 +93,7 @@ Result<void> writeOnce(const fs::path& path, std::string_view data) {
     return fail(path.string() + " already exists with other content; a published version " +
                 "never changes (raise --version when signing)");
   }
-  return files::writeFileAtomically(path, data);
+  return writeServed(path, data);
 }
 
 struct SignCatalogOptions {
@@ -228,7 +239,7 @@ int runPublishCatalog(const PublishCatalogOptions& options) {
                                    {signaturePath, std::string_view(*signature)}}) {
     if (auto written = writeOnce(path, data); !written) return report(written.error().message);
   }
-  if (auto written = files::writeFileAtomically(folder / "current.json", manifestBytes); !written) {
+  if (auto written = writeServed(folder / "current.json", manifestBytes); !written) {
     return report(written.error().message);
   }
   std::printf("Published catalog version %llu (fresh until %s) as %s\n  %s\n  %s\n  %s\n",

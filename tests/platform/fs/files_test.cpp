@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,6 +16,8 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "tests/support/test_support.h"
 
@@ -119,6 +122,83 @@ TEST(FilesTest, LockExcludesAnotherProcessUntilReleased) {
   EXPECT_TRUE(::read(pipeFds[0], &byte, 1) == 1 && byte == 'y');
   ::close(pipeFds[0]);
   ::waitpid(child, nullptr, 0);
+}
+
+TEST(FilesTest, ReadsOnlyRegularFilesWithinTheirCap) {
+  testing::TempHome home;
+  const fs::path file = home.path() / "rules.json";
+  ASSERT_TRUE(writeFileAtomically(file, "0123456789"));
+  EXPECT_EQ(readUserFile(file, 10), "0123456789");
+  const fs::path fifo = home.path() / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  // Each refusal names the file and says why; none of them blocks or reads without end.
+  const std::pair<fs::path, std::string> refused[] = {
+      {file, file.string() + " is larger than 9 bytes"},
+      {"/dev/zero", "/dev/zero is not a regular file"},
+      {fifo, fifo.string() + " is not a regular file"},
+      {home.path(), home.path().string() + " is not a regular file"},
+      {home.path() / "missing",
+       "cannot read " + (home.path() / "missing").string() + ": No such file or directory"}};
+  for (const auto& [path, message] : refused) {
+    const auto read = readUserFile(path, 9);
+    ASSERT_FALSE(read) << path;
+    EXPECT_EQ(read.error().message, message);
+  }
+}
+
+// Installers from several processes, some killed half-way through their write: every install
+// runs alone, what a killed one left is cleared by the next, and its lock dies with it.
+TEST(FilesTest, LockedInstallsRunOneAtATimeAndSurviveAKilledInstaller) {
+  testing::TempHome home;
+  const fs::path root = home.path() / "store";
+  std::vector<pid_t> children;
+  for (int p = 0; p < 4; ++p) {
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      // Read-modify-write of a counter: without the lock, increments would be lost.
+      for (int i = 0; i < 25; ++i) {
+        auto install = LockedInstall::begin(root, "install.lock");
+        if (!install) _exit(1);
+        const int count = std::stoi(readFile(install->file("count")).value_or("0"));
+        if (!install->replace("count", std::to_string(count + 1))) _exit(2);
+      }
+      _exit(0);
+    }
+    children.push_back(pid);
+  }
+  for (const pid_t child : children) {
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  EXPECT_EQ(readFile(root / "count"), "100");
+
+  // Killed while holding the lock, with a temporary file half written.
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  const pid_t killed = ::fork();
+  ASSERT_GE(killed, 0);
+  if (killed == 0) {
+    auto install = LockedInstall::begin(root, "install.lock");
+    const int fd = ::open((root / ".count.Xk3Lq9").c_str(), O_WRONLY | O_CREAT, 0600);
+    if (!install || fd < 0 || ::write(fd, "12", 2) != 2 || ::write(ready[1], "x", 1) != 1) {
+      _exit(1);
+    }
+    ::pause();
+    _exit(0);
+  }
+  char byte = 0;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  ::kill(killed, SIGKILL);
+  ::waitpid(killed, nullptr, 0);
+  ::close(ready[0]);
+  ::close(ready[1]);
+  auto next = LockedInstall::begin(root, "install.lock");
+  ASSERT_TRUE(next) << next.error().message;
+  EXPECT_FALSE(fs::exists(root / ".count.Xk3Lq9"));
+  EXPECT_EQ(readFile(root / "count"), "100");
+  EXPECT_TRUE(next->remove("count") && next->remove("count"));
 }
 
 }  // namespace

@@ -127,6 +127,23 @@ TEST(JsonWriterTest, CanonicalFormRoundTrips) {
   EXPECT_EQ(canonicalJson(*parseJson(R"({"a":1,"a":2})")), R"({"a":2})");
 }
 
+TEST(JsonWriterTest, LargeObjectsKeepOrderAndTheLastOfRepeatedKeys) {
+  // Past a few dozen members objects are indexed; a repeated key must still keep its first
+  // place and its last value, in small and large objects and at every depth.
+  std::string text = "{";
+  for (int i = 0; i < 1000; ++i)
+    text += "\"k" + std::to_string(999 - i) + "\":" + std::to_string(i) + ",";
+  text += R"("k5":"last","k998":{"n":{"x":1,"x":[2]}}})";
+  const auto parsed = parseJson(text);
+  ASSERT_TRUE(parsed);
+  ASSERT_EQ(parsed->size(), 1000u);
+  EXPECT_EQ(parsed->begin().key(), "k999");
+  EXPECT_EQ((*parsed)["k5"], "last");
+  EXPECT_EQ(std::next(parsed->begin(), 994).key(), "k5");
+  EXPECT_EQ(writeJson((*parsed)["k998"]), R"({"n":{"x":[2]}})");
+  EXPECT_EQ((*parsed)["k0"], 999);
+}
+
 TEST(JsonWriterTest, ParseFailuresAreValues) {
   for (const char* bad : {"", " ", "{", "[1,]", "{'a':1}", "nul", "1 2", "/*c*/1", R"("\x")",
                           "[1]]", "\"unterminated", "{\"a\" 1}", "NaN", "01"}) {

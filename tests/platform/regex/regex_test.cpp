@@ -175,6 +175,39 @@ TEST(RegexTest, CatastrophicPatternsGiveUpQuickly) {
   EXPECT_TRUE(re.search("aaa"));
 }
 
+TEST(RegexTest, AWorkBudgetCapsEveryMatchOfTheThread) {
+  auto catastrophic = mustCompile("(?=a)(a+)+b1");
+  auto simple = mustCompile("a");
+  const std::string subject(30, 'a');
+  {
+    RegexWorkBudget budget(50);
+    EXPECT_FALSE(catastrophic.search(subject));
+    EXPECT_TRUE(budget.exhausted());
+    EXPECT_EQ(budget.used(), 50);
+    // Spent: even trivial matches now answer "no match" without doing any work.
+    EXPECT_FALSE(simple.search("a"));
+    EXPECT_EQ(simple.replaceAll("a", "b"), "a");
+    {
+      RegexWorkBudget inner(1000);
+      EXPECT_FALSE(simple.search("a")) << "the budget around it is spent";
+    }
+    // Another thread has its own (absent) budget.
+    bool otherThread = false;
+    std::thread([&] { otherThread = simple.search("a"); }).join();
+    EXPECT_TRUE(otherThread);
+  }
+  EXPECT_TRUE(simple.search("a"));
+  RegexWorkBudget outer(1000);
+  {
+    RegexWorkBudget inner(10);
+    EXPECT_FALSE(catastrophic.search(subject));
+    EXPECT_TRUE(inner.exhausted());
+  }
+  EXPECT_EQ(outer.used(), 10);
+  EXPECT_FALSE(outer.exhausted());
+  EXPECT_TRUE(simple.search("a"));
+}
+
 TEST(RegexTest, LongOrdinaryWorkStaysWithinTheLimits) {
   std::string subject;
   for (int i = 0; i < 13000; ++i) subject += "word ";
