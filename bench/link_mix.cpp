@@ -81,3 +81,17 @@ std::vector<std::string> makeLinkMix(std::size_t count, std::uint32_t seed) {
 }
 
 }  // namespace linkwash::bench
+
+namespace linkwash::bench {
+
+std::vector<std::string> benchmarkLinks(std::size_t count) {
+  if (const char* path = std::getenv("LINKWASH_BENCH_CORPUS"); path != nullptr && *path != '\0') {
+    std::ifstream in(path, std::ios::binary);
+    std::vector<std::string> links;
+    for (std::string line; std::getline(in, line);) links.push_back(std::move(line));
+    if (!links.empty()) return links;
+  }
+  return makeLinkMix(count);
+}
+
+}  // namespace linkwash::bench

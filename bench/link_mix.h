@@ -16,4 +16,8 @@ std::filesystem::path sharedDir();
 // `count` links; empty when the corpus cannot be read.
 std::vector<std::string> makeLinkMix(std::size_t count, std::uint32_t seed = 20261123);
 
+// The lines of the file $LINKWASH_BENCH_CORPUS when it is set and readable, otherwise
+// makeLinkMix(count).
+std::vector<std::string> benchmarkLinks(std::size_t count);
+
 }  // namespace linkwash::bench

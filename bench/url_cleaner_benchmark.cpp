@@ -1,6 +1,8 @@
 // Whole-pipeline cleaning on the real ClearURLs rules over the realistic link mix, with the
 // number of heap allocations per link. Run on one core:
 //   taskset -c 0 build/bin/linkwash_bench --benchmark_filter=Cleaner
+// With LINKWASH_BENCH_CORPUS naming a file (one link per line, such as the shared one-million-link
+// corpus), that file's links are cleaned instead of the built-in mix.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -24,7 +26,7 @@ void BM_CleanerPipeline(benchmark::State& state) {
   std::ifstream in(bench::sharedDir() / "fixtures/clearurls/data.min.json", std::ios::binary);
   std::ostringstream data;
   data << in.rdbuf();
-  const auto links = bench::makeLinkMix(20000);
+  const auto links = bench::benchmarkLinks(20000);
   if (links.empty() || data.str().empty()) {
     state.SkipWithError("shared corpus or fixture missing");
     return;

@@ -27,6 +27,14 @@ struct RawQueryItem {
   std::string_view segment;  // exactly as it stood between the "&"
 };
 
+// isHostOrSubdomain on a host as written, ignoring ASCII case.
+bool endsWithDomainI(std::string_view host, std::string_view domain) {
+  if (host.size() < domain.size() ||
+      !asciiIEquals(host.substr(host.size() - domain.size()), domain))
+    return false;
+  return host.size() == domain.size() || host[host.size() - domain.size() - 1] == '.';
+}
+
 bool isHostOrSubdomain(std::string_view host, std::string_view domain) {
   if (host == domain) return true;
   return host.size() > domain.size() && endsWith(host, domain) &&
@@ -118,6 +126,7 @@ CleanOutcome URLCleaner::cleanWithOutcome(std::string_view urlString) {
       }
     }
   }
+  if (nothingToClean(*components, link)) return CleanOutcome::unchanged();
   auto result = cleaningPass(link, 0);
   if (!result) return CleanOutcome::unchanged();
   if (saving_ == MatchCountSaving::everyClean) engine_.saveMatchCounts();
@@ -129,6 +138,26 @@ std::optional<CleanResult> URLCleaner::clean(std::string_view urlString) {
   auto outcome = cleanWithOutcome(urlString);
   if (outcome.kind != CleanOutcome::Kind::cleaned) return std::nullopt;
   return std::move(outcome.result);
+}
+
+bool URLCleaner::nothingToClean(const URLComponents& components, std::string_view link) {
+  // Most links carry nothing any rule could change. When the engine proves that, and neither the
+  // Reddit and Google special cases nor a privacy frontend applies, the pass would hand back the
+  // link itself: answer without building it. The plain strategy keeps the full pass, so the two
+  // can be compared.
+  if (engine_.strategy() != MatchStrategy::indexed) return false;
+  const auto& host = components.percentEncodedHost();
+  if (host && (endsWithDomainI(*host, "reddit.com") || endsWithDomainI(*host, "google.com") ||
+               std::any_of(host->begin(), host->end(),
+                           [](char c) { return c == '%' || (c & 0x80) != 0; }))) {
+    return false;
+  }
+  const auto& query = components.percentEncodedQuery();
+  if (!engine_.rulesLeaveUnchanged(
+          link, query ? std::optional<std::string_view>(*query) : std::nullopt)) {
+    return false;
+  }
+  return !privacyStage_ || !privacyStage_(link, settings_);
 }
 
 std::optional<CleanResult> URLCleaner::cleaningPass(const std::string& input, int depth) {

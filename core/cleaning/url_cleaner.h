@@ -26,6 +26,7 @@
 #include "core/cleaning/last_clean_recorder.h"
 #include "core/privacy/privacy_redirect_settings.h"
 #include "core/rules/rules_engine.h"
+#include "platform/url/url_components.h"
 
 namespace linkwash {
 
@@ -61,6 +62,8 @@ class URLCleaner {
   void setPrivacyRedirectStage(PrivacyRedirectStage stage) { privacyStage_ = std::move(stage); }
 
  private:
+  // True when cleaning `link` (parsed as `components`) certainly leaves it as it is.
+  bool nothingToClean(const URLComponents& components, std::string_view link);
   std::optional<CleanResult> cleaningPass(const std::string& link, int depth);
 
   RulesEngine& engine_;

@@ -1,5 +1,6 @@
 #include "core/rules/rules_engine.h"
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <map>
@@ -452,7 +453,18 @@ void RulesEngine::rebuildIndex() {
       paramPatterns.push_back(rule.regex.pattern());
     }
     paramOwner_.resize(paramPatterns.size(), static_cast<std::uint32_t>(slots_.size()));
-    slots_.push_back(slot);
+    auto gate = [](const Regex& regex) {
+      LiteralGate sets = internal::requiredLiteralSets(regex.pattern());
+      for (auto& set : sets) {
+        for (auto& literal : set) literal = asciiLower(literal);
+      }
+      return sets;
+    };
+    for (const auto& rule : compiled.redirectionRegexes) {
+      slot.redirectionGates.push_back(gate(rule.regex));
+    }
+    for (const auto& rule : compiled.rawRuleRegexes) slot.rawRuleGates.push_back(gate(rule.regex));
+    slots_.push_back(std::move(slot));
   }
   // URL patterns and exceptions see the same subject (the normal form), so one scan serves both.
   const auto exceptionOffset = static_cast<std::uint32_t>(urlPatterns.size());
@@ -460,16 +472,16 @@ void RulesEngine::rebuildIndex() {
   urlPatterns.insert(urlPatterns.end(), exceptionPatterns.begin(), exceptionPatterns.end());
 
   bool fromCache = true;
-  auto load = [&](const std::vector<std::string>& patterns, bool literalHash) {
-    auto cached = internal::loadCachedPrefilter(patterns, literalHash);
+  auto load = [&](const std::vector<std::string>& patterns, bool literalHash, bool exact) {
+    auto cached = internal::loadCachedPrefilter(patterns, literalHash, exact);
     if (cached) return cached;
     fromCache = false;
-    auto built = internal::PrefilterSet::build(patterns, literalHash);
-    if (built) internal::storeCachedPrefilter(patterns, literalHash, *built);
+    auto built = internal::PrefilterSet::build(patterns, literalHash, exact);
+    if (built) internal::storeCachedPrefilter(patterns, literalHash, exact, *built);
     return built;
   };
-  urlSet_ = load(urlPatterns, false);
-  paramSet_ = load(paramPatterns, true);
+  urlSet_ = load(urlPatterns, false, true);
+  paramSet_ = load(paramPatterns, true, true);
   indexStats_.fromCache = fromCache;
   for (const auto* set : {urlSet_.get(), paramSet_.get()}) {
     if (set == nullptr) continue;
@@ -490,6 +502,28 @@ void RulesEngine::rebuildFallbackIndexIfNeeded() const {
   for (const auto& rule : fallbackRules_) fallbackIndexedPatterns_.push_back(rule.regexText);
   fallbackSet_ = internal::PrefilterSet::build(fallbackIndexedPatterns_, true);
   fallbackGeneration_ = nextGeneration();
+}
+
+bool RulesEngine::isPlainlyNormal(std::string_view url) {
+  // Only the authority can change (credentials dropped, host lower-cased, port rewritten), and it
+  // ends at the first "/", "?" or "#". Without "@", ":", "%", capitals or bytes outside ASCII in
+  // it there is nothing to change, whatever else the parser makes of the text.
+  const std::size_t scheme = url.find("://");
+  if (scheme == std::string_view::npos || scheme == 0) return false;
+  // Only a valid scheme makes this "://" the start of the authority ("//Host/?u=http://a" is a
+  // reference without a scheme whose authority comes first).
+  auto isAlpha = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+  if (!isAlpha(url[0]) ||
+      !std::all_of(url.begin(), url.begin() + static_cast<std::ptrdiff_t>(scheme), [&](char c) {
+        return isAlpha(c) || (c >= '0' && c <= '9') || c == '+' || c == '-' || c == '.';
+      })) {
+    return false;
+  }
+  const std::string_view rest = url.substr(scheme + 3);
+  const std::string_view authority = rest.substr(0, rest.find_first_of("/?#"));
+  return std::none_of(authority.begin(), authority.end(), [](char c) {
+    return c == '@' || c == ':' || c == '%' || (c >= 'A' && c <= 'Z') || (c & 0x80) != 0;
+  });
 }
 
 std::string RulesEngine::normalForm(std::string_view url) const {
@@ -516,13 +550,15 @@ std::string RulesEngine::normalForm(std::string_view url) const {
 const std::vector<std::uint8_t>* RulesEngine::urlCandidates(std::string_view url,
                                                             const std::string** normal) const {
   thread_local SubjectMemo memo;
+  thread_local bool keyIsNormal = false;
   if (memo.generation != generation_ || memo.key != url) {
     memo.generation = generation_;
     memo.key.assign(url);
-    memo.normal = normalForm(url);
-    if (urlSet_) urlSet_->candidates(memo.normal, memo.bits);
+    keyIsNormal = isPlainlyNormal(url);
+    if (!keyIsNormal) memo.normal = normalForm(url);
+    if (urlSet_) urlSet_->candidates(keyIsNormal ? memo.key : memo.normal, memo.bits);
   }
-  *normal = &memo.normal;
+  *normal = keyIsNormal ? &memo.key : &memo.normal;
   return urlSet_ ? &memo.bits : nullptr;
 }
 
@@ -593,10 +629,32 @@ bool RulesEngine::isException(std::string_view url, const CompiledProvider& prov
   return false;
 }
 
+bool RulesEngine::mayMatch(const LiteralGate& gate, std::string_view subject) {
+  if (gate.empty()) return true;
+  // ICU folds some characters outside ASCII onto ASCII letters (the Kelvin sign onto "k"), so
+  // only ASCII text can be ruled out by an ASCII comparison.
+  if (std::any_of(subject.begin(), subject.end(), [](char c) { return (c & 0x80) != 0; })) {
+    return true;
+  }
+  auto same = [](char a, char b) {
+    return (a >= 'A' && a <= 'Z' ? static_cast<char>(a + 32) : a) == b;
+  };
+  auto contains = [&](const std::string& literal) {
+    return std::search(subject.begin(), subject.end(), literal.begin(), literal.end(), same) !=
+           subject.end();
+  };
+  return std::all_of(gate.begin(), gate.end(), [&](const std::vector<std::string>& set) {
+    return std::any_of(set.begin(), set.end(), contains);
+  });
+}
+
 std::optional<std::string> RulesEngine::extractRedirection(std::string_view url,
                                                            const CompiledProvider& provider) const {
   if (!isCategoryEnabled(RuleCategoryType::redirectUnwrapping)) return std::nullopt;
-  for (const auto& redirection : provider.redirectionRegexes) {
+  const auto slot = providerIndex(provider);
+  for (std::size_t k = 0; k < provider.redirectionRegexes.size(); ++k) {
+    const auto& redirection = provider.redirectionRegexes[k];
+    if (slot && !mayMatch(slots_[*slot].redirectionGates[k], url)) continue;
     if (redirection.regex.captureGroupCount() < 1) continue;
     auto match = redirection.regex.firstMatch(url);
     if (!match || match->ranges.size() < 2 || !match->ranges[1]) continue;
@@ -611,7 +669,11 @@ std::optional<std::string> RulesEngine::extractRedirection(std::string_view url,
 std::string RulesEngine::applyRawRules(std::string_view url,
                                        const CompiledProvider& provider) const {
   std::string current(url);
-  for (const auto& rule : provider.rawRuleRegexes) current = rule.regex.replaceAll(current, "");
+  const auto slot = providerIndex(provider);
+  for (std::size_t k = 0; k < provider.rawRuleRegexes.size(); ++k) {
+    if (slot && !mayMatch(slots_[*slot].rawRuleGates[k], current)) continue;
+    current = provider.rawRuleRegexes[k].regex.replaceAll(current, "");
+  }
   return current;
 }
 
@@ -679,6 +741,42 @@ std::optional<RulesEngine::ParamRuleMatch> RulesEngine::firstStrippingRule(
     }
   }
   return std::nullopt;
+}
+
+bool RulesEngine::rulesLeaveUnchanged(std::string_view link,
+                                      std::optional<std::string_view> query) const {
+  thread_local std::vector<const CompiledProvider*> matched, providers;
+  matchingProviders(link, matched);
+  providers.clear();
+  for (const CompiledProvider* provider : matched) {
+    if (!isException(link, *provider)) providers.push_back(provider);
+  }
+  // Any change at all answers the question, so the cheap checks go first: parameter names, then
+  // path rules and wrappers, which ICU decides.
+  if (query) {
+    thread_local std::string decoded;
+    std::string_view rest = *query;
+    for (bool last = false; !last;) {
+      const std::size_t amp = rest.find('&');
+      last = amp == std::string_view::npos;
+      const std::string_view segment = rest.substr(0, amp);
+      std::string_view name = segment.substr(0, segment.find('='));
+      if (name.find('%') != std::string_view::npos) {
+        // Parameters are matched by their decoded name (as written when it does not decode).
+        auto text = percentDecode(name);
+        decoded.assign(text ? std::string_view(*text) : name);
+        name = decoded;
+      }
+      if (firstStrippingRule(name, providers) || shouldStripParamFallback(name)) return false;
+      if (!last) rest.remove_prefix(amp + 1);
+    }
+  }
+  for (const CompiledProvider* provider : providers) {
+    // None changing the link means each saw the link itself, as the chained rewrite would.
+    if (!provider->rawRuleRegexes.empty() && applyRawRules(link, *provider) != link) return false;
+    if (!provider->redirectionRegexes.empty() && extractRedirection(link, *provider)) return false;
+  }
+  return true;
 }
 
 std::optional<FallbackMatch> RulesEngine::shouldStripParamFallback(std::string_view name) const {

@@ -133,6 +133,13 @@ class RulesEngine {
   std::optional<ParamRuleMatch> firstStrippingRule(
       std::string_view name, const std::vector<const CompiledProvider*>& providers) const;
 
+  // True when no rule can change `link` (whose percent-encoded query, as the URL parser splits
+  // it, is `query`): no selected, non-excepted provider unwraps it or rewrites its path, and no
+  // provider or fallback rule strips one of its query parameters. The answer of walking those
+  // operations one by one, without building anything; the pipeline's own special cases are not
+  // included.
+  bool rulesLeaveUnchanged(std::string_view link, std::optional<std::string_view> query) const;
+
   std::optional<FallbackMatch> shouldStripParamFallback(std::string_view name) const;
   bool shouldStripParamFallbackBool(std::string_view name) const {
     return shouldStripParamFallback(name).has_value();
@@ -151,11 +158,18 @@ class RulesEngine {
   const IndexStats& indexStats() const { return indexStats_; }
 
  private:
+  // Literal sets every match of a pattern must meet (a match contains at least one member of
+  // each set; lower-cased); empty when none is proven.
+  using LiteralGate = std::vector<std::vector<std::string>>;
   struct ProviderSlots {
     std::uint32_t paramBegin = 0;      // first global id of the provider's "rules"
     std::uint32_t referralBegin = 0;   // first global id of its "referralMarketing"
     std::uint32_t exceptionBegin = 0;  // first id of its exceptions in the URL set
+    std::vector<LiteralGate> redirectionGates;
+    std::vector<LiteralGate> rawRuleGates;
   };
+  // False only when `subject` certainly holds no match of the gated pattern.
+  static bool mayMatch(const LiteralGate& gate, std::string_view subject);
 
   void postLoad();
   void rebuildCatalog();
@@ -168,6 +182,8 @@ class RulesEngine {
   void rebuildIndex();
   void rebuildFallbackIndexIfNeeded() const;
   std::string normalForm(std::string_view url) const;
+  // True when the normal form of `url` is `url` itself, decided without parsing it.
+  static bool isPlainlyNormal(std::string_view url);
   // Candidate bits of the URL set for `url`; `normal` points at its normal form. Both live in a
   // per-thread memo until the next call on this thread.
   const std::vector<std::uint8_t>* urlCandidates(std::string_view url,

@@ -127,6 +127,26 @@ TEST_F(LinkwashCliTest, StreamingSavesMatchCountsEvenWhenStopped) {
   EXPECT_EQ(engine.category(RuleCategoryType::analytics)->matchCount, 500);
 }
 
+TEST_F(LinkwashCliTest, ParallelStreamKeepsInputOrderAndEveryCount) {
+  // Enough lines for many blocks, so the workers finish them out of order.
+  std::string input;
+  for (int i = 0; i < 6000; ++i) {
+    const std::string n = std::to_string(i);
+    input += i % 3 == 0   ? "https://example.com/" + n + "?utm_source=x&k=" + n + "\n"
+             : i % 3 == 1 ? "https://example.com/plain/" + n + "\n"
+                          : "not a link " + n + "\n";
+  }
+  auto one = run({"clean", "--jobs", "1"}, input);
+  auto three = run({"clean", "--jobs", "3"}, input);
+  EXPECT_EQ(one.exitCode, 0) << one.err;
+  EXPECT_EQ(three.exitCode, 0) << three.err;
+  EXPECT_EQ(std::count(one.out.begin(), one.out.end(), '\n'), 6000);
+  EXPECT_EQ(three.out, one.out);
+  RulesEngine engine(PreferenceStore::standard());
+  engine.loadBundledRules();
+  EXPECT_EQ(engine.category(RuleCategoryType::analytics)->matchCount, 2 * 2000);
+}
+
 TEST_F(LinkwashCliTest, ReportPrintsTheReportOrItsMailtoLink) {
   auto report = run({"report", "https://shop.example/item?trk=abc", "--note", "trk tracks"});
   ASSERT_EQ(report.exitCode, 0) << report.err;

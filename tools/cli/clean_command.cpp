@@ -1,15 +1,24 @@
 // `linkwash clean`: cleans links given as arguments, or streams standard input one link per line
 // (built for pipelines of millions of lines: constant memory, buffered output).
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/strings.h"
@@ -44,6 +53,7 @@ struct CleanOptions {
   bool explain = false;
   std::string rulesFile;
   std::string supplementaryFile;
+  unsigned jobs = 0;  // 0: the number of cores when standard input is not a terminal, else 1
 };
 
 std::string jsonLine(const Json& json) {
@@ -121,70 +131,301 @@ std::string render(const CleanOutcome& outcome, std::string_view line, Format fo
   return std::string(line) + "\n";
 }
 
-int runClean(const CleanOptions& options) {
+// One engine and cleaner per thread: the engine has no lock, and its match counts must not be
+// shared between threads. Setup stays in this one function so it is easy to swap.
+struct CleanerSet {
   std::unique_ptr<RulesEngine> engine;
+  std::unique_ptr<DomainExceptionStore> exceptions;
+  std::unique_ptr<LastCleanRecorder> recorder;
+  std::unique_ptr<URLCleaner> cleaner;
+};
+
+Result<CleanerSet> openCleaner(const CleanOptions& options) {
+  CleanerSet set;
   if (!options.rulesFile.empty()) {
     auto opened = openRulesEngineFrom(options.rulesFile,
                                       options.supplementaryFile.empty()
                                           ? std::nullopt
                                           : std::optional<std::string>(options.supplementaryFile));
-    if (!opened) {
-      std::cerr << "linkwash clean: " << opened.error().message << '\n';
-      return 1;
-    }
-    engine = std::move(*opened);
+    if (!opened) return fail(opened.error().message);
+    set.engine = std::move(*opened);
   } else {
-    engine = openRulesEngine();
+    set.engine = openRulesEngine();
   }
   auto defaults = PreferenceStore::standard();
   auto group = PreferenceStore::suite(kAppGroupIdentifier);
-  DomainExceptionStore exceptions(defaults);
-  LastCleanRecorder recorder;
-  URLCleaner cleaner(*engine, &exceptions, &recorder, std::string(kSurface),
-                     PrivacyRedirectSettings::fromStore(*defaults, group.get()));
+  set.exceptions = std::make_unique<DomainExceptionStore>(defaults);
+  set.recorder = std::make_unique<LastCleanRecorder>();
+  set.cleaner = std::make_unique<URLCleaner>(
+      *set.engine, set.exceptions.get(), set.recorder.get(), std::string(kSurface),
+      PrivacyRedirectSettings::fromStore(*defaults, group.get()));
   // Saving after every link would make a stream crawl; counts are saved on a timer and at the end.
-  cleaner.setMatchCountSaving(URLCleaner::MatchCountSaving::deferred);
-  const Format format =
-      options.explain ? Format::explain : (options.json ? Format::json : Format::plain);
+  set.cleaner->setMatchCountSaving(URLCleaner::MatchCountSaving::deferred);
+  return set;
+}
 
-  if (!options.urls.empty()) {
-    for (const auto& url : options.urls) {
-      std::cout << render(cleaner.cleanWithOutcome(url), url, format);
+// Every match count of an engine's catalog in one fixed order (each category, then its
+// entries), so counts gathered by one engine can be added to another loaded the same way.
+void readCounts(const RulesEngine& engine, std::vector<std::int64_t>& out) {
+  out.clear();
+  for (const auto& category : engine.categories()) {
+    out.push_back(category->matchCount);
+    for (const auto& entry : category->rules) out.push_back(entry->matchCount);
+  }
+}
+
+void addCounts(RulesEngine& engine,
+               const std::vector<std::pair<std::uint32_t, std::int64_t>>& add) {
+  std::vector<std::int64_t*> slots;
+  for (const auto& category : engine.categories()) {
+    slots.push_back(&category->matchCount);
+    for (const auto& entry : category->rules) slots.push_back(&entry->matchCount);
+  }
+  for (const auto& [index, delta] : add) {
+    if (index < slots.size()) *slots[index] += delta;
+  }
+}
+
+// A block of whole input lines and what cleaning them printed.
+struct Batch {
+  std::string input;
+  std::string output;
+  std::vector<std::pair<std::uint32_t, std::int64_t>> countChanges;  // for the main engine
+  bool done = false;
+};
+
+void cleanBatch(URLCleaner& cleaner, Format format, Batch& batch) {
+  batch.output.clear();
+  std::string_view rest(batch.input);
+  while (!rest.empty()) {
+    const std::size_t newline = rest.find('\n');
+    std::string_view text = rest.substr(0, newline);
+    rest.remove_prefix(newline == std::string_view::npos ? rest.size() : newline + 1);
+    const CleanOutcome outcome = cleaner.cleanWithOutcome(text);
+    if (format != Format::plain) {
+      batch.output += render(outcome, text, format);
+    } else {
+      batch.output += outcome.kind == CleanOutcome::Kind::cleaned
+                          ? std::string_view(outcome.result->cleanedURL)
+                          : text;
+      batch.output += '\n';
     }
-    engine->saveMatchCounts();
-    return 0;
+  }
+}
+
+// Reads standard input in large blocks, cut after the last complete line; the final line of the
+// input may lack its line break.
+class LineReader {
+ public:
+  // False at the end of input or on a stop signal, with nothing put in `into`.
+  bool next(std::string& into) {
+    into.swap(carry_);
+    carry_.clear();
+    while (!eof_) {
+      const std::size_t before = into.size();
+      into.resize(before + kBlock);
+      const ssize_t got = read(STDIN_FILENO, into.data() + before, kBlock);
+      if (got < 0 && errno == EINTR && stopSignal.load() == 0) {
+        into.resize(before);
+        continue;
+      }
+      into.resize(before + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+      if (got <= 0) {
+        eof_ = true;
+        break;
+      }
+      const std::size_t last = into.rfind('\n');
+      if (last != std::string::npos && last >= before) {
+        carry_.assign(into, last + 1);
+        into.resize(last + 1);
+        return true;
+      }
+    }
+    return !into.empty();
+  }
+  // True when a read would not block (so cleaned lines may wait for more input).
+  static bool inputReady() {
+    pollfd fd{STDIN_FILENO, POLLIN, 0};
+    return poll(&fd, 1, 0) == 1;
   }
 
+ private:
+  static constexpr std::size_t kBlock = 1 << 16;
+  std::string carry_;
+  bool eof_ = false;
+};
+
+unsigned defaultJobs() {
+  if (isatty(STDIN_FILENO) == 1) return 1;
+  cpu_set_t set;
+  if (sched_getaffinity(0, sizeof set, &set) == 0) return std::max(1, CPU_COUNT(&set));
+  return std::max(1u, std::thread::hardware_concurrency());
+}
+
+class Writer {
+ public:
+  explicit Writer(bool interactive) : interactive_(interactive) {}
+  void write(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    if (interactive_) std::fflush(stdout);
+  }
+
+ private:
+  bool interactive_;
+};
+
+int streamClean(CleanerSet& primary, const CleanOptions& options, Format format, unsigned jobs) {
   installStopHandlers();
   const bool interactive = isatty(STDOUT_FILENO) == 1;
   static char buffer[1 << 16];
   if (!interactive) std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
-  char* line = nullptr;
-  std::size_t capacity = 0;
+  Writer writer(interactive);
+  LineReader reader;
   auto lastSave = std::chrono::steady_clock::now();
-  std::uint64_t sinceSave = 0;
-  ssize_t length = 0;
-  while (stopSignal.load() == 0 && (length = getline(&line, &capacity, stdin)) >= 0) {
-    std::string_view text(line, static_cast<std::size_t>(length));
-    if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-    const std::string out = render(cleaner.cleanWithOutcome(text), text, format);
-    std::fwrite(out.data(), 1, out.size(), stdout);
-    if (interactive) std::fflush(stdout);
-    // Checking the clock every few hundred lines keeps the timer off the per-line cost.
-    if (++sinceSave >= 256) {
-      sinceSave = 0;
-      const auto now = std::chrono::steady_clock::now();
-      if (now - lastSave >= kSaveInterval) {
-        engine->saveMatchCounts();
-        lastSave = now;
-      }
+  auto saveWhenDue = [&] {
+    const auto now = std::chrono::steady_clock::now();
+    if (now - lastSave >= kSaveInterval) {
+      primary.engine->saveMatchCounts();
+      lastSave = now;
     }
+  };
+
+  if (jobs <= 1) {
+    Batch batch;
+    while (stopSignal.load() == 0 && reader.next(batch.input)) {
+      cleanBatch(*primary.cleaner, format, batch);
+      writer.write(batch.output);
+      if (!LineReader::inputReady()) std::fflush(stdout);
+      saveWhenDue();
+    }
+  } else {
+    // Workers clean batches in any order; the main thread reads, and prints batches in input
+    // order, adding each worker's match counts to the main engine as it goes.
+    std::mutex mutex;
+    std::condition_variable workReady, batchDone;
+    std::deque<Batch*> queue;
+    bool closing = false;
+    unsigned failed = 0;   // workers that could not load the rules
+    std::mutex openMutex;  // loading sets process-wide things (the diagnostics sink)
+    auto work = [&] {
+      auto set = [&] {
+        std::lock_guard lock(openMutex);
+        return openCleaner(options);
+      }();
+      if (!set) {
+        {
+          std::lock_guard lock(mutex);
+          ++failed;
+        }
+        batchDone.notify_all();
+        return;
+      }
+      std::vector<std::int64_t> counted, now;
+      readCounts(*set->engine, counted);
+      for (;;) {
+        Batch* batch = nullptr;
+        {
+          std::unique_lock lock(mutex);
+          workReady.wait(lock, [&] { return closing || !queue.empty(); });
+          if (queue.empty()) return;
+          batch = queue.front();
+          queue.pop_front();
+        }
+        cleanBatch(*set->cleaner, format, *batch);
+        readCounts(*set->engine, now);
+        for (std::size_t i = 0; i < now.size() && i < counted.size(); ++i) {
+          if (now[i] != counted[i]) {
+            batch->countChanges.emplace_back(static_cast<std::uint32_t>(i), now[i] - counted[i]);
+          }
+        }
+        counted.swap(now);
+        {
+          std::lock_guard lock(mutex);
+          batch->done = true;
+        }
+        batchDone.notify_all();
+      }
+    };
+    // Workers start with the stop signals blocked, so a stop always interrupts the main
+    // thread's read.
+    sigset_t stopSignals, previous;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, &previous);
+    std::vector<std::thread> workers;
+    for (unsigned i = 0; i < jobs; ++i) workers.emplace_back(work);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    const std::size_t maxInFlight = 4 * static_cast<std::size_t>(jobs);
+    std::deque<std::unique_ptr<Batch>> inFlight, spare;
+    auto finishFront = [&] {
+      Batch& front = *inFlight.front();
+      bool orphaned = false;
+      {
+        std::unique_lock lock(mutex);
+        batchDone.wait(lock, [&] { return front.done || failed == jobs; });
+        orphaned = !front.done;
+      }
+      // No worker could load the rules (they changed under us): the main engine cleans.
+      if (orphaned) cleanBatch(*primary.cleaner, format, front);
+      writer.write(front.output);
+      addCounts(*primary.engine, front.countChanges);
+      spare.push_back(std::move(inFlight.front()));
+      inFlight.pop_front();
+      saveWhenDue();
+    };
+    for (;;) {
+      while (!inFlight.empty() && (inFlight.size() >= maxInFlight || !LineReader::inputReady())) {
+        finishFront();  // nothing to read right now: print what is cleaned before blocking
+      }
+      if (!LineReader::inputReady()) std::fflush(stdout);
+      std::unique_ptr<Batch> batch;
+      if (spare.empty()) {
+        batch = std::make_unique<Batch>();
+      } else {
+        batch = std::move(spare.back());
+        spare.pop_back();
+      }
+      if (stopSignal.load() != 0 || !reader.next(batch->input)) break;
+      batch->done = false;
+      batch->countChanges.clear();
+      {
+        std::lock_guard lock(mutex);
+        queue.push_back(batch.get());
+      }
+      workReady.notify_one();
+      inFlight.push_back(std::move(batch));
+    }
+    while (!inFlight.empty()) finishFront();
+    {
+      std::lock_guard lock(mutex);
+      closing = true;
+    }
+    workReady.notify_all();
+    for (auto& worker : workers) worker.join();
   }
-  std::free(line);
   std::fflush(stdout);
-  engine->saveMatchCounts();
+  primary.engine->saveMatchCounts();
   if (const int signal = stopSignal.load(); signal != 0) return 128 + signal;
   return 0;
+}
+
+int runClean(const CleanOptions& options) {
+  auto primary = openCleaner(options);
+  if (!primary) {
+    std::cerr << "linkwash clean: " << primary.error().message << '\n';
+    return 1;
+  }
+  const Format format =
+      options.explain ? Format::explain : (options.json ? Format::json : Format::plain);
+  if (!options.urls.empty()) {
+    for (const auto& url : options.urls) {
+      std::cout << render(primary->cleaner->cleanWithOutcome(url), url, format);
+    }
+    primary->engine->saveMatchCounts();
+    return 0;
+  }
+  return streamClean(*primary, options, format, options.jobs > 0 ? options.jobs : defaultJobs());
 }
 
 }  // namespace
@@ -200,6 +441,11 @@ void addCleanCommand(CLI::App& app, int& exitCode) {
                   "was not changed");
   clean->add_flag("--explain", options->explain,
                   "Describe each clean for a person: steps, removed parameters, matched rules");
+  clean
+      ->add_option("-j,--jobs", options->jobs,
+                   "Clean standard input on this many threads, output still in input order "
+                   "(default: every core when standard input is not a terminal; 1 for one)")
+      ->check(CLI::Range(1u, 256u));
   auto* rules = clean->add_option("--rules", options->rulesFile,
                                   "Clean with this ClearURLs-format provider file for this run");
   clean
@@ -209,9 +455,10 @@ void addCleanCommand(CLI::App& app, int& exitCode) {
   clean->footer(
       "A link that is not changed is printed exactly as it came, so the output has one line per "
       "input line. Sites switched off with `linkwash sites disable` are left alone.\n\n"
-      "Streaming: output is flushed after every line on a terminal and written in large blocks "
-      "otherwise. Rule match counts are saved every few seconds and at the end; an interrupt "
-      "(Ctrl-C) or SIGTERM stops after the current line and still saves them.\n\n"
+      "Streaming: input is read in large blocks and cleaned on every core (--jobs); output keeps "
+      "the input order, is flushed after every block on a terminal and as soon as no more input "
+      "is waiting. Rule match counts are saved every few seconds and at the end; an interrupt "
+      "(Ctrl-C) or SIGTERM stops after the lines already read and still saves them.\n\n"
       "Examples:\n"
       "  linkwash clean 'https://example.com/?utm_source=x&id=1'\n"
       "  linkwash clean --explain 'https://www.google.com/url?q=https://example.com/'\n"

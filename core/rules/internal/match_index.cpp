@@ -15,7 +15,8 @@ namespace {
 constexpr unsigned kFlags =
     HS_FLAG_CASELESS | HS_FLAG_PREFILTER | HS_FLAG_SINGLEMATCH | HS_FLAG_ALLOWEMPTY;
 constexpr unsigned kLiteralFlags = HS_FLAG_CASELESS | HS_FLAG_SINGLEMATCH;
-constexpr std::string_view kMagic = "LWPF3";
+constexpr unsigned kExactFlags = HS_FLAG_CASELESS | HS_FLAG_SINGLEMATCH | HS_FLAG_ALLOWEMPTY;
+constexpr std::string_view kMagic = "LWPF4";
 
 bool isMeta(char c) {
   switch (c) {
@@ -172,8 +173,10 @@ std::optional<std::vector<std::string>> literalsOf(std::string_view p, std::size
                                                    int depth);
 
 // The best literal set of one concatenation (no top-level "|").
-std::optional<std::vector<std::string>> literalsOfSequence(std::string_view p, std::size_t minimum,
-                                                           int depth) {
+// With `all`, every set found is also kept there: each one is required on its own.
+std::optional<std::vector<std::string>> literalsOfSequence(
+    std::string_view p, std::size_t minimum, int depth,
+    std::vector<std::vector<std::string>>* all = nullptr) {
   std::vector<std::string> best;
   std::string run;
   auto consider = [&](std::vector<std::string> set) {
@@ -181,6 +184,7 @@ std::optional<std::vector<std::string>> literalsOfSequence(std::string_view p, s
     for (const auto& literal : set) {
       if (isWeakLiteral(literal)) return;
     }
+    if (all != nullptr) all->push_back(set);
     // Later factors win ties: host names come after the scheme.
     if (strength(set) >= strength(best)) best = std::move(set);
   };
@@ -266,6 +270,19 @@ std::optional<std::vector<std::string>> requiredLiterals(std::string_view patter
   return literalsOf(pattern, minimum, 0);
 }
 
+std::vector<std::vector<std::string>> requiredLiteralSets(std::string_view pattern,
+                                                          std::size_t minimum) {
+  if (!hasPortableSyntax(pattern)) return {};
+  if (topLevelAlternatives(pattern).size() != 1) {
+    auto best = literalsOf(pattern, minimum, 0);
+    return best ? std::vector<std::vector<std::string>>{std::move(*best)}
+                : std::vector<std::vector<std::string>>{};
+  }
+  std::vector<std::vector<std::string>> all;
+  if (!literalsOfSequence(pattern, minimum, 0, &all)) return {};
+  return all;
+}
+
 bool matchesEverything(std::string_view pattern) {
   return pattern.empty() || pattern == ".*" || pattern == ".*?";
 }
@@ -330,26 +347,36 @@ void PrefilterSet::classifyLiterals(const std::vector<std::string>& patterns, bo
 }
 
 bool PrefilterSet::compileDatabase(const std::vector<std::string>& patterns,
-                                   std::vector<std::uint32_t> ids) {
-  // Each pattern is searched through its required literal when it has one (exact, fast), and
-  // through the whole pattern in prefilter mode otherwise.
+                                   std::vector<std::uint32_t> ids, bool exactMode) {
+  // Each pattern is first offered whole, in exact mode: on printable-ASCII subjects Vectorscan
+  // then decides it exactly as ICU would, and ICU is never asked. A pattern Vectorscan refuses in
+  // exact mode is searched through its required literal when it has one, or in prefilter mode.
   struct Expression {
     std::string text;
     unsigned flags;
-    std::uint32_t id;  // position in `ids`
   };
-  std::vector<std::vector<Expression>> perPattern(ids.size());
-  for (std::uint32_t k = 0; k < ids.size(); ++k) {
-    if (auto literals = requiredLiterals(patterns[ids[k]])) {
+  auto fallbackExpressions = [&](std::uint32_t pattern) {
+    std::vector<Expression> out;
+    if (auto literals = requiredLiterals(patterns[pattern])) {
       for (const auto& literal : *literals) {
-        perPattern[k].push_back({Regex::escapedPattern(literal), kLiteralFlags, k});
+        out.push_back({Regex::escapedPattern(literal), kLiteralFlags});
       }
     } else {
-      perPattern[k].push_back({patterns[ids[k]], kFlags, k});
+      out.push_back({patterns[pattern], kFlags});
+    }
+    return out;
+  };
+  std::vector<std::vector<Expression>> perPattern(ids.size());
+  std::vector<std::uint8_t> exact(ids.size(), exactMode ? 1 : 0);
+  for (std::uint32_t k = 0; k < ids.size(); ++k) {
+    if (exactMode) {
+      perPattern[k].push_back({patterns[ids[k]], kExactFlags});
+    } else {
+      perPattern[k] = fallbackExpressions(ids[k]);
     }
   }
-  // Vectorscan refuses some expressions even in prefilter mode; drop each offender and retry so
-  // one odd rule does not cost the index for all the others.
+  // Vectorscan refuses some expressions; demote each offender (exact, then prefilter, then
+  // always a candidate) and retry, so one odd rule does not cost the index for all the others.
   while (!ids.empty()) {
     std::vector<const char*> expressions;
     std::vector<unsigned> flags, hsIds, owner;
@@ -369,6 +396,7 @@ bool PrefilterSet::compileDatabase(const std::vector<std::string>& patterns,
     if (rc == HS_SUCCESS) {
       db_ = db;
       dbIds_ = std::move(ids);
+      exact_ = std::move(exact);
       return hs_alloc_scratch(db_, &scratch_) == HS_SUCCESS;
     }
     const int badExpression = error != nullptr ? error->expression : -1;
@@ -378,18 +406,21 @@ bool PrefilterSet::compileDatabase(const std::vector<std::string>& patterns,
       return true;
     }
     const std::size_t bad = owner[static_cast<std::size_t>(badExpression)];
+    if (exact[bad]) {
+      exact[bad] = 0;
+      perPattern[bad] = fallbackExpressions(ids[bad]);
+      continue;
+    }
     always_.push_back(ids[bad]);
     ids.erase(ids.begin() + static_cast<std::ptrdiff_t>(bad));
+    exact.erase(exact.begin() + static_cast<std::ptrdiff_t>(bad));
     perPattern.erase(perPattern.begin() + static_cast<std::ptrdiff_t>(bad));
-    for (std::size_t k = bad; k < perPattern.size(); ++k) {
-      for (auto& expression : perPattern[k]) expression.id = static_cast<std::uint32_t>(k);
-    }
   }
   return true;
 }
 
 std::unique_ptr<PrefilterSet> PrefilterSet::build(const std::vector<std::string>& patterns,
-                                                  bool literalHash) {
+                                                  bool literalHash, bool exact) {
   auto set = std::make_unique<PrefilterSet>();
   std::vector<bool> taken;
   set->classifyLiterals(patterns, literalHash, taken);
@@ -402,7 +433,7 @@ std::unique_ptr<PrefilterSet> PrefilterSet::build(const std::vector<std::string>
       set->always_.push_back(i);
     }
   }
-  if (!set->compileDatabase(patterns, std::move(ids))) return nullptr;
+  if (!set->compileDatabase(patterns, std::move(ids), exact)) return nullptr;
   std::sort(set->always_.begin(), set->always_.end());
   set->findUnicodeSensitive(patterns);
   return set;
@@ -465,7 +496,7 @@ void PrefilterSet::mark(std::string_view subject, std::vector<std::uint8_t>& can
     // database and the patterns it cannot judge here remain.
     for (auto id : unicodeSensitive_) candidates[id] = kPossible;
     for (auto id : always_) candidates[id] = kPossible;
-    scan(shadow, candidates);
+    scan(shadow, candidates, false);
     return;
   }
   for (auto id : always_) candidates[id] = kPossible;
@@ -474,11 +505,17 @@ void PrefilterSet::mark(std::string_view subject, std::vector<std::uint8_t>& can
       for (auto id : it->second) candidates[id] = kCertain;
     }
   }
-  scan(subject, candidates);
+  scan(subject, candidates, true);
 }
 
-void PrefilterSet::scan(std::string_view subject, std::vector<std::uint8_t>& candidates) const {
+void PrefilterSet::scan(std::string_view subject, std::vector<std::uint8_t>& candidates,
+                        bool exactSubject) const {
   if (db_ == nullptr) return;
+  if (subject.empty()) {
+    // Whether a scan of no bytes reports empty matches is not worth relying on.
+    for (auto id : dbIds_) candidates[id] = std::max(candidates[id], kPossible);
+    return;
+  }
   thread_local std::vector<std::uint32_t> hits;
   hits.clear();
   hs_scratch* scratch = acquireScratch();
@@ -492,7 +529,12 @@ void PrefilterSet::scan(std::string_view subject, std::vector<std::uint8_t>& can
     for (auto id : dbIds_) candidates[id] = kPossible;
     return;
   }
-  for (auto hsId : hits) candidates[dbIds_[hsId]] = kPossible;
+  for (auto hsId : hits) {
+    // An exact hit on text ICU reads the same way is ICU's answer; anything else only says
+    // "possible". A hit never lowers what the literal map already proved.
+    std::uint8_t& slot = candidates[dbIds_[hsId]];
+    slot = std::max(slot, exactSubject && exact_[hsId] ? kCertain : kPossible);
+  }
 }
 
 std::string PrefilterSet::serialize() const {
@@ -502,6 +544,7 @@ std::string PrefilterSet::serialize() const {
   for (auto id : always_) appendU32(out, id);
   appendU32(out, static_cast<std::uint32_t>(dbIds_.size()));
   for (auto id : dbIds_) appendU32(out, id);
+  out.append(reinterpret_cast<const char*>(exact_.data()), exact_.size());
   if (db_ != nullptr) {
     char* bytes = nullptr;
     std::size_t length = 0;
@@ -535,6 +578,12 @@ std::unique_ptr<PrefilterSet> PrefilterSet::restore(const std::vector<std::strin
   };
   if (!readIds(alwaysCount, set->always_)) return nullptr;
   if (!readU32(data, dbCount) || dbCount > count || !readIds(dbCount, set->dbIds_)) return nullptr;
+  if (data.size() < dbCount) return nullptr;
+  set->exact_.assign(data.begin(), data.begin() + dbCount);
+  data.remove_prefix(dbCount);
+  if (std::any_of(set->exact_.begin(), set->exact_.end(), [](auto e) { return e > 1; })) {
+    return nullptr;
+  }
   if (std::find(seen.begin(), seen.end(), false) != seen.end()) return nullptr;
   set->findUnicodeSensitive(patterns);
   if (dbCount > 0) {

@@ -5,7 +5,9 @@
 //   - a pattern that matches every subject (".*", "") is a certain match;
 //   - an anchored literal ("^" + plain ASCII text + "$") goes into a case-insensitive hash map;
 //   - a pattern whose syntax means the same in ICU and in Vectorscan goes into one Vectorscan
-//     database compiled in prefilter mode (which may over-approximate, never under);
+//     database, whole in exact mode when Vectorscan accepts it (a hit on a printable-ASCII
+//     subject is then certain), otherwise through its required literals or in prefilter mode
+//     (which may over-approximate, never under);
 //   - anything else is always a candidate.
 // Subjects with non-ASCII text are scanned as their ASCII shadow (each non-ASCII character one
 // placeholder byte); patterns whose classes (\w, \s, \d, \b) read non-ASCII text differently
@@ -36,8 +38,10 @@ class PrefilterSet {
 
   // Builds the set from ICU pattern texts (case-insensitive). `literalHash` enables the hash
   // map for anchored literals (only meaningful for whole-name parameter patterns).
+  // `exact`: offer patterns to Vectorscan whole in exact mode first (slower scans of long
+  // subjects, but ICU is then rarely asked); otherwise only literals and prefilter mode.
   static std::unique_ptr<PrefilterSet> build(const std::vector<std::string>& patterns,
-                                             bool literalHash);
+                                             bool literalHash, bool exact = true);
 
   std::size_t size() const { return count_; }
 
@@ -73,9 +77,12 @@ class PrefilterSet {
 
   void classifyLiterals(const std::vector<std::string>& patterns, bool literalHash,
                         std::vector<bool>& taken);
-  bool compileDatabase(const std::vector<std::string>& patterns, std::vector<std::uint32_t> ids);
+  bool compileDatabase(const std::vector<std::string>& patterns, std::vector<std::uint32_t> ids,
+                       bool exact);
   void findUnicodeSensitive(const std::vector<std::string>& patterns);
-  void scan(std::string_view subject, std::vector<std::uint8_t>& candidates) const;
+  // `exactSubject`: the subject is the text itself (printable ASCII), not its ASCII shadow.
+  void scan(std::string_view subject, std::vector<std::uint8_t>& candidates,
+            bool exactSubject) const;
   void mark(std::string_view subject, std::vector<std::uint8_t>& candidates) const;
   hs_scratch* acquireScratch() const;
   void releaseScratch(hs_scratch* scratch) const;
@@ -89,6 +96,7 @@ class PrefilterSet {
   std::vector<std::uint32_t> everything_;        // match every subject: certain without asking
   std::vector<std::uint32_t> unicodeSensitive_;  // indexed, but not on non-ASCII subjects
   std::vector<std::uint32_t> dbIds_;             // Vectorscan expression id -> pattern index
+  std::vector<std::uint8_t> exact_;              // per expression id: compiled whole, exactly
   hs_database* db_ = nullptr;
   hs_scratch* scratch_ = nullptr;
   mutable std::atomic_flag scratchBusy_ = ATOMIC_FLAG_INIT;
@@ -110,6 +118,11 @@ bool isUnicodeSensitive(std::string_view pattern);
 // scans fastest. Nothing when no useful set can be proven (for example ".*").
 std::optional<std::vector<std::string>> requiredLiterals(std::string_view pattern,
                                                          std::size_t minimum = 3);
+
+// Every literal set requiredLiterals considers for `pattern`, each of which every match must
+// meet (a match contains at least one member of each set); empty when none is proven.
+std::vector<std::vector<std::string>> requiredLiteralSets(std::string_view pattern,
+                                                          std::size_t minimum = 3);
 
 // The text L when `pattern` is "^" + L + "$" and L holds no regex syntax and only ASCII.
 std::optional<std::string_view> anchoredLiteral(std::string_view pattern);

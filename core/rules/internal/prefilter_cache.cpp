@@ -12,14 +12,15 @@
 namespace linkwash::internal {
 namespace {
 
-constexpr std::string_view kHeader = "linkwash-prefilter-cache 1\n";
+constexpr std::string_view kHeader = "linkwash-prefilter-cache 2\n";
 
-std::string cacheKey(const std::vector<std::string>& patterns, bool literalHash) {
+std::string cacheKey(const std::vector<std::string>& patterns, bool literalHash, bool exact) {
   Sha256 hasher;
   hasher.update(kHeader);
   // The engine's build matters: a database from another Vectorscan release is not loadable.
   hasher.update(std::string_view(hs_version()));
   hasher.update(literalHash ? "L" : "N");
+  hasher.update(exact ? "E" : "P");
   for (const auto& pattern : patterns) {
     const auto size = std::to_string(pattern.size());
     hasher.update(size);
@@ -42,9 +43,9 @@ std::filesystem::path cachePath(const std::string& key) {
 }  // namespace
 
 std::unique_ptr<PrefilterSet> loadCachedPrefilter(const std::vector<std::string>& patterns,
-                                                  bool literalHash) {
+                                                  bool literalHash, bool exact) {
   if (cacheDisabled()) return nullptr;
-  const std::string key = cacheKey(patterns, literalHash);
+  const std::string key = cacheKey(patterns, literalHash, exact);
   auto bytes = files::readFile(cachePath(key));
   if (!bytes) return nullptr;
   // Layout: header, key, digest of the payload (both hex, one line each), payload.
@@ -60,12 +61,12 @@ std::unique_ptr<PrefilterSet> loadCachedPrefilter(const std::vector<std::string>
   return PrefilterSet::restore(patterns, literalHash, payload);
 }
 
-void storeCachedPrefilter(const std::vector<std::string>& patterns, bool literalHash,
+void storeCachedPrefilter(const std::vector<std::string>& patterns, bool literalHash, bool exact,
                           const PrefilterSet& set) {
   if (cacheDisabled()) return;
   const std::string payload = set.serialize();
   if (payload.empty()) return;
-  const std::string key = cacheKey(patterns, literalHash);
+  const std::string key = cacheKey(patterns, literalHash, exact);
   std::string file(kHeader);
   file += key + "\n" + hexLower(sha256(payload)) + "\n";
   file += payload;

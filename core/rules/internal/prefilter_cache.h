@@ -13,9 +13,9 @@
 namespace linkwash::internal {
 
 std::unique_ptr<PrefilterSet> loadCachedPrefilter(const std::vector<std::string>& patterns,
-                                                  bool literalHash);
+                                                  bool literalHash, bool exact);
 // Best effort: a cache that cannot be written is simply not used next time.
-void storeCachedPrefilter(const std::vector<std::string>& patterns, bool literalHash,
+void storeCachedPrefilter(const std::vector<std::string>& patterns, bool literalHash, bool exact,
                           const PrefilterSet& set);
 
 }  // namespace linkwash::internal

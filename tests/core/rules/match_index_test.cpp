@@ -38,6 +38,16 @@ TEST(RequiredLiteralsTest, FindsLiteralsEveryMatchMustContain) {
   }
 }
 
+TEST(RequiredLiteralsTest, EverySetOfASequenceIsRequiredAlternativesGiveOne) {
+  using Sets = std::vector<std::vector<std::string>>;
+  EXPECT_EQ(
+      internal::requiredLiteralSets(
+          R"(^https?:\/\/(?:[a-z0-9-]+\.)*?google(?:\.[a-z]{2,}){1,}\/url\?.*?(?:url|q)=(h))"),
+      (Sets{{"google"}, {"/url?"}}));
+  EXPECT_EQ(internal::requiredLiteralSets("abcd|wxyz"), (Sets{{"abcd", "wxyz"}}));
+  EXPECT_EQ(internal::requiredLiteralSets(".*"), Sets{});
+}
+
 TEST(PrefilterSetTest, RestoreRefusesDataForOtherPatterns) {
   const std::vector<std::string> patterns = {"amazon", "^utm_.*$", "^fbclid$"};
   auto set = internal::PrefilterSet::build(patterns, true);
@@ -61,6 +71,16 @@ std::vector<std::string> generatedLinks(const RulesEngine& engine, std::size_t c
       "bing.com",           "ebay.com",           "AMAZON.COM",
       "user:pw@Google.COM", "www.aliexpress.com", "linkedin.com",
       "www.yandex.ru"};
+  // One host per literal a URL pattern requires, so every provider is selected somewhere, with
+  // and without a subdomain and a country suffix.
+  for (const auto& provider : engine.compiledProviders()) {
+    for (const auto& literal :
+         requiredLiterals(provider.urlRegex.pattern()).value_or(std::vector<std::string>{})) {
+      if (literal.find_first_of("/?") != std::string::npos) continue;
+      hosts.push_back(literal);
+      hosts.push_back("sub." + literal + ".co.uk");
+    }
+  }
   std::vector<std::string> names = {"utm_source", "fbclid", "gclid",      "q",    "id",
                                     "ref",        "tag",    "UTM_Medium", "ref_", "pd_rd_w",
                                     "_ga",        "si",     "feature",    "spm",  "%3Futm_source",
@@ -116,6 +136,8 @@ void expectSameAnswers(const RulesEngine& indexed, const RulesEngine& plain,
   }
   for (std::size_t k = 0; k < a.size(); ++k) {
     EXPECT_EQ(indexed.isException(link, *a[k]), plain.isException(link, *b[k])) << link;
+    EXPECT_EQ(indexed.extractRedirection(link, *a[k]), plain.extractRedirection(link, *b[k]));
+    EXPECT_EQ(indexed.applyRawRules(link, *a[k]), plain.applyRawRules(link, *b[k])) << link;
     for (const auto& name : paramNames) {
       EXPECT_EQ(indexed.shouldStripParam(name, *a[k]), plain.shouldStripParam(name, *b[k]))
           << link << " param " << name << " provider " << a[k]->name;
@@ -170,6 +192,12 @@ TEST_F(IndexedMatchingTest, EqualsPlainMatchingOnRealRulesAndGeneratedLinks) {
                                                "\xC5\xBFi",  "ref\r",      "fbclid\n"};
   for (const auto& link : generatedLinks(plain, 3000)) {
     expectSameAnswers(indexed, plain, link, extraNames);
+  }
+  // Authorities whose normal form differs from the text, or seems to.
+  for (const char* link :
+       {"//WWW.Amazon.com/x?u=https://a.b", "https://a.com:0443/?fbclid=1", "https://amazon.com:/x",
+        "https://[::1]/?gclid=1", "a1+b://Google.com/url?q=https://x.y", "1a://Google.com/x"}) {
+    expectSameAnswers(indexed, plain, link, {});
   }
   // Real links from the corpus, when it is there.
   if (auto corpus = testing::readFixture(testing::sharedDir() / "corpus/real_urls_kasztp.txt")) {
