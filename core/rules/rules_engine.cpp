@@ -480,7 +480,10 @@ void RulesEngine::rebuildIndex() {
     if (built) internal::storeCachedPrefilter(patterns, literalHash, exact, *built);
     return built;
   };
-  urlSet_ = load(urlPatterns, false, true);
+  // Whole URL patterns and exceptions cost Vectorscan several times longer to compile than
+  // their literals, which every first start after a rules update would pay; parameter names are
+  // short, and there exact answers save the most ICU calls.
+  urlSet_ = load(urlPatterns, false, false);
   paramSet_ = load(paramPatterns, true, true);
   indexStats_.fromCache = fromCache;
   for (const auto* set : {urlSet_.get(), paramSet_.get()}) {
