@@ -257,6 +257,11 @@ std::string HttpsTestServer::url(std::string_view host, std::string_view path) c
   return "https://" + std::string(host) + std::string(path);
 }
 
+std::string HttpsTestServer::urlWithPort(std::string_view host, std::string_view path) const {
+  requireHost(host);
+  return "https://" + std::string(host) + ":" + std::to_string(port_) + std::string(path);
+}
+
 bool HttpsTestServer::putFile(std::string_view path, std::string_view content) const {
   auto relative = std::filesystem::path(std::string(path)).relative_path();
   const auto target = root_ / relative;

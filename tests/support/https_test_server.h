@@ -108,6 +108,8 @@ class HttpsTestServer {
   // "https://" + host + path (path starts with "/"). Aborts on a host the server was not made
   // for, because such a URL would be looked up on the real network.
   std::string url(std::string_view host, std::string_view path) const;
+  // The same with the server's real port written in the URL (a hop that names a port).
+  std::string urlWithPort(std::string_view host, std::string_view path) const;
 
   // The folder served; files put there are visible at once.
   const std::filesystem::path& root() const { return root_; }
