@@ -192,8 +192,10 @@ std::optional<UpdateAwarenessState> decodeUpdateAwarenessState(const Json& json)
   }
   const auto entries = json.find("entries");
   if (entries == json.end() || !entries->is_object()) return state;
-  for (const auto& [raw, value] : entries->items()) {
-    const auto updateClass = updateClassFromRaw(raw);
+  for (const auto& item : entries->items()) {
+    // A plain reference rather than a structured binding: clang 14 cannot capture those.
+    const Json& value = item.value();
+    const auto updateClass = updateClassFromRaw(item.key());
     if (!updateClass || !value.is_object()) continue;
     UpdateAwarenessState::Entry entry;
     auto number = [&](const char* key, std::optional<double>& out) {
